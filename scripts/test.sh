@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds and runs every test.
+#   scripts/test.sh             GCC build in build/
+#   scripts/test.sh --sanitize  Clang build with ASan+UBSan in build-asan/
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+
+if [ "${1:-}" = "--sanitize" ]; then
+  dir=build-asan
+  opts=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DNFSENGINE_SANITIZE=ON -DNFSENGINE_BENCH=OFF
+        -DCMAKE_BUILD_TYPE=Debug)
+  export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1
+  export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+else
+  dir=build
+  opts=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+fi
+cmake -S . -B "$dir" -G Ninja "${opts[@]}"
+cmake --build "$dir" -j "$(nproc)"
+ctest --test-dir "$dir" -j "$(nproc)" --output-on-failure

@@ -1,0 +1,22 @@
+#include "RuntimeParam.h"
+
+#include <cstdio>
+#include <cstring>
+
+CRuntimeParam::CRuntimeParam(const char* id, int logControl)
+    : m_sID(id ? id : ""), m_sIpcID(), m_iLogControl(logControl) {}
+
+bool CRuntimeParam::CheckInstanceID(const char* id, char* err, size_t errSize) {
+    if (id == nullptr) id = "";
+    if (strcmp(id, "server") == 0) {
+        snprintf(err, errSize, "Cannot use \"%s\" as ID", id);
+        return false;
+    }
+    for (const char* p = id; *p; ++p) {
+        if (*p == '/' || *p == ' ') {
+            snprintf(err, errSize, "Invalid char \"%c\" inside ID", *p);
+            return false;
+        }
+    }
+    return true;
+}

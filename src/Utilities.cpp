@@ -1,0 +1,405 @@
+#include "Utilities.h"
+
+#include <fcntl.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "FileLogger.h"
+
+namespace {
+
+const char* NameOf(const LogArgu* la) { return la && la->pcName ? la->pcName : ""; }
+
+void CopyText(char* dst, const char* src, size_t size) {
+    if (dst == nullptr || size == 0) return;
+    snprintf(dst, size, "%s", src);
+}
+
+}  // namespace
+
+CUtilities::CUtilities() = default;
+
+CUtilities::~CUtilities() {
+    std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    for (auto& row : m_OpenedFileHandles) {
+        if (row.second.iFile != -1) close(row.second.iFile);
+    }
+}
+
+// ---- log routing -----------------------------------------------------------
+
+#define FORMAT_AND_CALL(slot)                          \
+    char text[LOG_MESSAGE_SIZE];                       \
+    va_list args;                                      \
+    va_start(args, fmt);                               \
+    vsnprintf(text, sizeof text, fmt, args);           \
+    va_end(args);                                      \
+    slot(rp, text)
+
+void CUtilities::LogInfo(CRuntimeParam* rp, const char* fmt, ...) { FORMAT_AND_CALL(LogInfo); }
+void CUtilities::LogError(CRuntimeParam* rp, const char* fmt, ...) { FORMAT_AND_CALL(LogError); }
+void CUtilities::LogRaw(CRuntimeParam* rp, const char* fmt, ...) { FORMAT_AND_CALL(LogRaw); }
+
+#undef FORMAT_AND_CALL
+
+static const char* IdOf(CRuntimeParam* rp) { return rp ? rp->GetID() : ""; }
+
+void CUtilities::LogInfo(CRuntimeParam* rp, char* text) { LogInfo(IdOf(rp), text); }
+void CUtilities::LogError(CRuntimeParam* rp, char* text) { LogError(IdOf(rp), text); }
+void CUtilities::LogRaw(CRuntimeParam* rp, char* text) { LogRaw(IdOf(rp), text); }
+
+void CUtilities::LogInfo(const char* id, char* text) {
+    if (m_pCallback && m_pCallback->LogInfo(id, text)) return;
+    if (m_pFileLogger && m_pFileLogger->LogInfo(text)) return;
+    fprintf(stdout, "[info] (%s) %s\n", id, text);
+    fflush(stdout);
+}
+
+void CUtilities::LogError(const char* id, char* text) {
+    if (m_pCallback && m_pCallback->LogError(id, text)) return;
+    if (m_pFileLogger && m_pFileLogger->LogError(text)) return;
+    fprintf(stdout, "[erro] (%s) %s\n", id, text);
+    fflush(stdout);
+}
+
+void CUtilities::LogRaw(const char* id, char* text) {
+    if (m_pCallback && m_pCallback->LogRaw(id, text)) return;
+    if (m_pFileLogger && m_pFileLogger->LogRaw(text)) return;
+    fprintf(stdout, "%s", text);
+    fflush(stdout);
+}
+
+int CUtilities::LogUpdateRedirectedFileAttributes(CRuntimeParam* rp, const char* pcPath, bool bSize,
+                                                  unsigned long long iSize, bool bAccessTime,
+                                                  unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                                  unsigned long lLastModifiedTimeSec) {
+    return UpdateRedirectedFileAttributes(IdOf(rp), pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
+                                          bLastModifiedTime, lLastModifiedTimeSec);
+}
+
+int CUtilities::LogRemoveRedirectedFile(CRuntimeParam* rp, const char* pcPath) {
+    return RemoveRedirectedFile(IdOf(rp), pcPath);
+}
+
+int CUtilities::LogRenameRedirectedFile(CRuntimeParam* rp, const char* pcPathFm, const char* pcPathTo) {
+    return RenameRedirectedFile(IdOf(rp), pcPathFm, pcPathTo);
+}
+
+int CUtilities::LogWriteRedirectedFile(CRuntimeParam* rp, const char* pcPath, unsigned long long iSeek,
+                                       int iSeekType, unsigned int iLen) {
+    return WriteRedirectedFile(IdOf(rp), pcPath, iSeek, iSeekType, iLen);
+}
+
+int CUtilities::UpdateRedirectedFileAttributes(const char* id, const char* pcPath, bool bSize,
+                                               unsigned long long iSize, bool bAccessTime,
+                                               unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                               unsigned long lLastModifiedTimeSec) {
+    if (!m_pCallback) return -1;
+    return m_pCallback->UpdateRedirectedFileAttributes(id, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
+                                                       bLastModifiedTime, lLastModifiedTimeSec);
+}
+
+int CUtilities::RemoveRedirectedFile(const char* id, const char* pcPath) {
+    return m_pCallback ? m_pCallback->RemoveRedirectedFile(id, pcPath) : -1;
+}
+
+int CUtilities::RenameRedirectedFile(const char* id, const char* pcPathFm, const char* pcPathTo) {
+    return m_pCallback ? m_pCallback->RenameRedirectedFile(id, pcPathFm, pcPathTo) : -1;
+}
+
+int CUtilities::WriteRedirectedFile(const char* id, const char* pcPath, unsigned long long iSeek, int iSeekType,
+                                    unsigned int iLen) {
+    return m_pCallback ? m_pCallback->WriteRedirectedFile(id, pcPath, iSeek, iSeekType, iLen) : -1;
+}
+
+void CUtilities::GetLastErrorText(char* buffer, int errnum, size_t size) {
+    const char* text = strerrordesc_np(errnum);
+    if (buffer == nullptr || text == nullptr || size == 0) return;
+    snprintf(buffer, size, "%s (%d)", text, errnum);
+}
+
+// ---- OS file primitives ----------------------------------------------------
+
+// Reports one system call: the failure line with the error text (also copied
+// to err) when result is -1, else the success line. fmt forms the subject
+// that both lines share.
+long long CUtilities::ReportCall(CRuntimeParam* rp, long long result, int errnum, const char* errText, char* err,
+                                 const char* fmt, ...) {
+    bool failed = result == -1;
+    char ownText[256] = "";
+    if (failed && errText == nullptr) {
+        GetLastErrorText(ownText, errnum, sizeof ownText);
+        errText = ownText;
+    }
+    if (failed) CopyText(err, errText, ERROR_TEXT_SIZE);
+    if (rp == nullptr || !(failed ? rp->IsLogError() : rp->IsLogFileAccess())) return result;
+
+    char subject[LOG_MESSAGE_SIZE];
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(subject, sizeof subject, fmt, args);
+    va_end(args);
+    if (failed)
+        LogError(rp, "%s. Error=%s", subject, errText);
+    else
+        LogInfo(rp, "%s", subject);
+    return result;
+}
+
+static const char* const BAD_DESCRIPTOR = "Bad file descriptor";
+
+int CUtilities::OS_FileCreate(CRuntimeParam* rp, LogArgu* la, const char* path, char* err) {
+    int fd = open(path, O_RDWR | O_CREAT, 0666);
+    int e = errno;
+    return (int)ReportCall(rp, fd, e, nullptr, err, "[%s] OS create file \"%s\"", NameOf(la), path);
+}
+
+int CUtilities::OS_FileRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err) {
+    int r = remove(path);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS remove file \"%s\"", NameOf(la), path);
+}
+
+int CUtilities::OS_FileRename(CRuntimeParam* rp, LogArgu* la, const char* pathOld, const char* pathNew,
+                              char* err) {
+    int r = rename(pathOld, pathNew);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS rename file from \"%s\" to \"%s\"", NameOf(la),
+                           pathOld, pathNew);
+}
+
+int CUtilities::OS_FileOpen(CRuntimeParam* rp, LogArgu* la, const char* path, int flags, bool retry, char* err) {
+    int fd = open(path, flags);
+    int e = errno;
+    ReportCall(rp, fd, e, nullptr, err, "[%s] OS open file \"%s\"", NameOf(la), path);
+    if (fd == -1 && e == EMFILE && retry) {
+        CloseExceededCachedFileHandle(rp, la);
+        return OS_FileOpen(rp, la, path, flags, false, err);
+    }
+    return fd;
+}
+
+int CUtilities::OS_FileClose(CRuntimeParam* rp, LogArgu* la, const char* path, int fd, char* err) {
+    if (fd == -1) return (int)ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS close file \"%s\"", NameOf(la), path);
+    int r = close(fd);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS close file \"%s\"", NameOf(la), path);
+}
+
+int CUtilities::OS_FileRead(CRuntimeParam* rp, LogArgu* la, int fd, void* buf, unsigned int len, char* err) {
+    if (fd == -1) return (int)ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS read file (%d)", NameOf(la), fd);
+    ssize_t r = read(fd, buf, len);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS read file (%d)", NameOf(la), fd);
+}
+
+int CUtilities::OS_FileWrite(CRuntimeParam* rp, LogArgu* la, int fd, const void* buf, unsigned int len, char* err) {
+    if (fd == -1) return (int)ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS write file (%d)", NameOf(la), fd);
+    ssize_t r = write(fd, buf, len);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS write file (%d)", NameOf(la), fd);
+}
+
+long long CUtilities::OS_FileSeek(CRuntimeParam* rp, LogArgu* la, int fd, long long offset, int whence, char* err) {
+    if (fd == -1) return ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS seek file (%d)", NameOf(la), fd);
+    off64_t r = lseek64(fd, offset, whence);
+    int e = errno;
+    return ReportCall(rp, r, e, nullptr, err, "[%s] OS seek file (%d)", NameOf(la), fd);
+}
+
+long long CUtilities::OS_FileTell(CRuntimeParam* rp, LogArgu* la, int fd, char* err) {
+    if (fd == -1) return ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS tell file (%d)", NameOf(la), fd);
+    off64_t r = lseek64(fd, 0, SEEK_CUR);
+    int e = errno;
+    return ReportCall(rp, r, e, nullptr, err, "[%s] OS tell file (%d)", NameOf(la), fd);
+}
+
+int CUtilities::OS_FolderCreate(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err) {
+    int r = mkdir(path, (mode_t)mode);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS create folder \"%s\" (mode = %d)", NameOf(la), path,
+                           mode);
+}
+
+int CUtilities::OS_FolderRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err) {
+    int r = rmdir(path);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS remove folder \"%s\"", NameOf(la), path);
+}
+
+int CUtilities::OS_SetFileMode(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err) {
+    int r = chmod(path, (mode_t)mode);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS set file mode \"%s\" (mode = %d)", NameOf(la), path,
+                           mode);
+}
+
+int CUtilities::OS_GetFileStat(CRuntimeParam* rp, LogArgu* la, const char* path, struct stat* st, char* err) {
+    int r = lstat(path, st);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS get file stat \"%s\"", NameOf(la), path);
+}
+
+bool CUtilities::OS_SetFileSize(CRuntimeParam* rp, LogArgu* la, const char* path, unsigned long long size,
+                                char* err) {
+    static const char* const subject = "[%s] OS set file file \"%s\"";
+    int fd = open(path, O_RDWR | O_CREAT, 0755);
+    if (fd == -1) {
+        ReportCall(rp, -1, errno, nullptr, err, subject, NameOf(la), path);
+        return false;
+    }
+    struct stat st;
+    if (fstat(fd, &st) == -1) {
+        ReportCall(rp, -1, errno, nullptr, err, subject, NameOf(la), path);
+        close(fd);
+        return false;
+    }
+    if ((unsigned long long)st.st_size == size) {
+        close(fd);
+        return true;
+    }
+    int r = ftruncate64(fd, (off64_t)size);
+    int e = errno;
+    close(fd);
+    return ReportCall(rp, r, e, nullptr, err, subject, NameOf(la), path) == 0;
+}
+
+int CUtilities::OS_FileForceOpen(CRuntimeParam* rp, LogArgu* la, const char* path, char* err) {
+    std::vector<std::string> pieces;
+    SplitIntoVector(path, '/', pieces);
+    bool logAccess = rp && rp->IsLogFileAccess();
+    if (logAccess)
+        LogInfo(rp, "[%s] OS splited path \"%s\" into %d elements", NameOf(la), path, (int)pieces.size());
+    if (pieces.size() > 1) {
+        // The first piece is taken as it stands: the root for an absolute
+        // path, a folder that must exist for a relative one.
+        std::string folder = pieces[0];
+        for (size_t i = 1; i + 1 < pieces.size(); ++i) {
+            folder += "/";
+            folder += pieces[i];
+            if (logAccess) LogInfo(rp, "[%s] Check folder \"%s\" exists", NameOf(la), folder.c_str());
+            if (!OS_IsFileExists(folder.c_str(), nullptr)) {
+                if (logAccess) LogInfo(rp, "[%s] Create folder \"%s\"", NameOf(la), folder.c_str());
+                if (OS_FolderCreate(rp, la, folder.c_str(), 0755, err) == -1) return -1;
+            }
+        }
+    }
+    if (OS_IsFileExists(path, nullptr)) return OS_FileOpen(rp, la, path, O_RDWR | O_APPEND, true, err);
+    return OS_FileCreate(rp, la, path, err);
+}
+
+bool CUtilities::OS_IsFileExists(const char* path, char* err) {
+    struct stat64 st;
+    if (stat64(path, &st) == 0) return true;
+    if (err) snprintf(err, ERROR_TEXT_SIZE, "ErrCode=%d", errno);
+    return false;
+}
+
+// ---- file-system figures ---------------------------------------------------
+
+static const unsigned long long ALL_ONES = ~0ULL;
+
+#define STATVFS_FIGURE(name, expr)                           \
+    unsigned long long CUtilities::name(const char* path) { \
+        struct statvfs64 s;                                  \
+        if (statvfs64(path, &s) != 0) return ALL_ONES;       \
+        return (unsigned long long)(expr);                   \
+    }
+
+STATVFS_FIGURE(GetTotalDiskSpace, s.f_blocks * s.f_frsize)
+STATVFS_FIGURE(GetFreeDiskSpace, s.f_bfree * s.f_frsize)
+STATVFS_FIGURE(GetFreeDiskSpaceAvailableToCaller, s.f_bavail * s.f_frsize)
+STATVFS_FIGURE(GetTotalFileSlots, s.f_files)
+STATVFS_FIGURE(GetFreeFileSlots, s.f_ffree)
+// Deliberately the free inodes, not the ones available to unprivileged users.
+STATVFS_FIGURE(GetFreeFileSlotsAvailableToCaller, s.f_ffree)
+
+#undef STATVFS_FIGURE
+
+unsigned long long CUtilities::GetFileSystemID(const char* path) {
+    struct statvfs64 s;
+    if (statvfs64(path, &s) != 0) return 4;
+    return (unsigned long long)s.f_fsid;
+}
+
+unsigned long long CUtilities::GetMaxFileSize(const char* path) {
+    struct statfs64 s;
+    unsigned long type = 0;
+    if (statfs64(path, &s) == 0) type = (unsigned long)s.f_type;
+    switch (type) {
+        case 0x4D44: return 1ULL << 32;      // FAT
+        case 0x52654973: return 1ULL << 43;  // ReiserFS
+        default: return 1ULL << 41;          // ext2/3/4 and the rest
+    }
+}
+
+unsigned long long CUtilities::GetCurrentSystemTimeInMilliseconds() {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return (unsigned long long)tv.tv_sec * 1000ULL + (unsigned long long)tv.tv_usec / 1000ULL;
+}
+
+void CUtilities::GetPrintableFileSize(unsigned long long size, char* out, size_t outSize) {
+    static const char* const formats[] = {"%.1fB", "%.1fKB", "%.1fMB", "%.1fGB", "%.1fTB", "%.1fPB", "%.1fEB"};
+    double v = (double)size / 1024.0;
+    int unit = 0;
+    // Strictly greater: exactly 1024 of a unit stays in that unit.
+    while (v > 1.0 && unit <= 5) {
+        v /= 1024.0;
+        ++unit;
+    }
+    snprintf(out, outSize, formats[unit], v * 1024.0);
+}
+
+void CUtilities::SplitIntoVector(const char* text, char delimiter, std::vector<std::string>& out) {
+    if (text == nullptr || *text == '\0') return;
+    const char* start = text;
+    for (;;) {
+        const char* end = strchr(start, delimiter);
+        if (end == nullptr) {
+            if (*start) out.emplace_back(start);
+            return;
+        }
+        out.emplace_back(start, (size_t)(end - start));
+        start = end + 1;
+        if (*start == '\0') return;  // a trailing delimiter ends the text
+    }
+}
+
+// ---- cached descriptors ----------------------------------------------------
+
+void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la) {
+    // Recursive: callers inside the cache already hold it; the retry of
+    // OS_FileOpen from elsewhere does not.
+    std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    bool logAccess = rp && rp->IsLogFileAccess();
+    size_t toFree = m_OpenedFileHandles.size() / 10;
+    if (toFree >= 1) {
+        if (logAccess) LogInfo(rp, "[%s] Close exceeded cached file handle: %d", NameOf(la), (int)toFree);
+        size_t freed = 0;
+        while (freed < toFree && !m_OpenedFileLastAccessList.empty()) {
+            auto oldest = m_OpenedFileLastAccessList.begin();
+            auto row = m_OpenedFileHandles.find(oldest->second);
+            if (row != m_OpenedFileHandles.end()) {
+                if (row->second.iFile != -1)
+                    OS_FileClose(rp, la, row->second.sPath.c_str(), row->second.iFile, nullptr);
+                m_OpenedFileHandles.erase(row);
+                ++freed;
+            }
+            m_OpenedFileLastAccessList.erase(oldest);
+        }
+        return;
+    }
+    if (logAccess) LogInfo(rp, "[%s] Close exceeded cached file handle: ALL", NameOf(la));
+    for (auto& row : m_OpenedFileHandles) {
+        if (row.second.iFile != -1) OS_FileClose(rp, la, row.second.sPath.c_str(), row.second.iFile, nullptr);
+    }
+    m_OpenedFileHandles.clear();
+    m_OpenedFileLastAccessList.clear();
+}

@@ -1,0 +1,139 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ICallback.h"
+#include "RuntimeParam.h"
+
+class CFileLogger;
+
+// Length of the one-line reason texts that operations write for their callers.
+constexpr size_t ERROR_TEXT_SIZE = 2048;
+// Length of the buffer that one formatted log message may fill.
+constexpr size_t LOG_MESSAGE_SIZE = 2048;
+
+// One cached open descriptor.
+struct OpenedFileInfo {
+    int iFile = -1;
+    std::string sTimeKey;
+    std::string sPath;
+};
+
+// The file service: log routing, OS file primitives, and the tables the
+// server keeps about exports, files and redirected files.
+class CUtilities {
+public:
+    CUtilities();
+    virtual ~CUtilities();
+    CUtilities(const CUtilities&) = delete;
+    CUtilities& operator=(const CUtilities&) = delete;
+
+    // ---- log routing -------------------------------------------------------
+    void SetCallback(ICallback* callback) { m_pCallback = callback; }
+    ICallback* GetCallback() const { return m_pCallback; }
+    void SetFileLogger(CFileLogger* logger) { m_pFileLogger = logger; }
+    CFileLogger* GetFileLogger() const { return m_pFileLogger; }
+
+    // printf-style front ends: format (bounded) and hand to the virtual slot.
+    void LogInfo(CRuntimeParam* rp, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+    void LogError(CRuntimeParam* rp, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+    void LogRaw(CRuntimeParam* rp, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+
+    // Output slots, overridden by the external server to copy lines over IPC.
+    virtual void LogInfo(CRuntimeParam* rp, char* text);
+    virtual void LogError(CRuntimeParam* rp, char* text);
+    virtual void LogRaw(CRuntimeParam* rp, char* text);
+
+    // Change notifications of redirected files: 0 accepts, -1 when nobody
+    // is there to answer.
+    virtual int LogUpdateRedirectedFileAttributes(CRuntimeParam* rp, const char* pcPath, bool bSize,
+                                                  unsigned long long iSize, bool bAccessTime,
+                                                  unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                                  unsigned long lLastModifiedTimeSec);
+    virtual int LogRemoveRedirectedFile(CRuntimeParam* rp, const char* pcPath);
+    virtual int LogRenameRedirectedFile(CRuntimeParam* rp, const char* pcPathFm, const char* pcPathTo);
+    virtual int LogWriteRedirectedFile(CRuntimeParam* rp, const char* pcPath, unsigned long long iSeek,
+                                       int iSeekType, unsigned int iLen);
+
+    // Routing by ID: callback, else file logger, else standard output.
+    void LogInfo(const char* id, char* text);
+    void LogError(const char* id, char* text);
+    void LogRaw(const char* id, char* text);
+
+    // Twins of the notifications that take the caller's ID.
+    int UpdateRedirectedFileAttributes(const char* id, const char* pcPath, bool bSize, unsigned long long iSize,
+                                       bool bAccessTime, unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                       unsigned long lLastModifiedTimeSec);
+    int RemoveRedirectedFile(const char* id, const char* pcPath);
+    int RenameRedirectedFile(const char* id, const char* pcPathFm, const char* pcPathTo);
+    int WriteRedirectedFile(const char* id, const char* pcPath, unsigned long long iSeek, int iSeekType,
+                            unsigned int iLen);
+
+    // "<system text> (<errnum>)"; the buffer is left alone when the system
+    // has no text for the number.
+    static void GetLastErrorText(char* buffer, int errnum, size_t size = ERROR_TEXT_SIZE);
+
+    // ---- OS file primitives ------------------------------------------------
+    // Each makes one system call, logs its success (file access) or failure
+    // (error) and copies the error text into err when err is not null; err
+    // must hold ERROR_TEXT_SIZE bytes.
+    int OS_FileCreate(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
+    int OS_FileRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
+    int OS_FileRename(CRuntimeParam* rp, LogArgu* la, const char* pathOld, const char* pathNew, char* err);
+    int OS_FileOpen(CRuntimeParam* rp, LogArgu* la, const char* path, int flags, bool retry, char* err);
+    int OS_FileClose(CRuntimeParam* rp, LogArgu* la, const char* path, int fd, char* err);
+    int OS_FileRead(CRuntimeParam* rp, LogArgu* la, int fd, void* buf, unsigned int len, char* err);
+    int OS_FileWrite(CRuntimeParam* rp, LogArgu* la, int fd, const void* buf, unsigned int len, char* err);
+    long long OS_FileSeek(CRuntimeParam* rp, LogArgu* la, int fd, long long offset, int whence, char* err);
+    long long OS_FileTell(CRuntimeParam* rp, LogArgu* la, int fd, char* err);
+    int OS_FolderCreate(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err);
+    int OS_FolderRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
+    int OS_SetFileMode(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err);
+    int OS_GetFileStat(CRuntimeParam* rp, LogArgu* la, const char* path, struct stat* st, char* err);
+    bool OS_SetFileSize(CRuntimeParam* rp, LogArgu* la, const char* path, unsigned long long size, char* err);
+    int OS_FileForceOpen(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
+    static bool OS_IsFileExists(const char* path, char* err);
+
+    // ---- file-system figures ----------------------------------------------
+    static unsigned long long GetTotalDiskSpace(const char* path);
+    static unsigned long long GetFreeDiskSpace(const char* path);
+    static unsigned long long GetFreeDiskSpaceAvailableToCaller(const char* path);
+    static unsigned long long GetTotalFileSlots(const char* path);
+    static unsigned long long GetFreeFileSlots(const char* path);
+    static unsigned long long GetFreeFileSlotsAvailableToCaller(const char* path);
+    static unsigned long long GetFileSystemID(const char* path);
+    static unsigned long long GetMaxFileSize(const char* path);
+
+    static unsigned long long GetCurrentSystemTimeInMilliseconds();
+    static void GetPrintableFileSize(unsigned long long size, char* out, size_t outSize = 32);
+    static void SplitIntoVector(const char* text, char delimiter, std::vector<std::string>& out);
+
+    // ---- cached descriptors ------------------------------------------------
+    // Thins the descriptor cache: closes the least recently used tenth, or
+    // everything when fewer than ten are cached. The caller holds
+    // m_hMutexOpenedFileHandles, except on the out-of-descriptors retry of
+    // OS_FileOpen reached from outside the cache.
+    void CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la);
+
+protected:
+    ICallback* m_pCallback = nullptr;
+    CFileLogger* m_pFileLogger = nullptr;
+
+    // Descriptor cache: path -> descriptor, and time key -> path ordered by
+    // last access.
+    std::map<std::string, OpenedFileInfo> m_OpenedFileHandles;
+    std::map<std::string, std::string> m_OpenedFileLastAccessList;
+    std::recursive_mutex m_hMutexOpenedFileHandles;
+
+private:
+    long long ReportCall(CRuntimeParam* rp, long long result, int errnum, const char* errText, char* err,
+                         const char* fmt, ...) __attribute__((format(printf, 7, 8)));
+};

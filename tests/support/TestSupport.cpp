@@ -1,0 +1,72 @@
+#include "TestSupport.h"
+
+#include <dirent.h>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+TempDir::TempDir() {
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/nfsengine-test-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    m_path = buf.data();
+}
+
+static int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+    chmod(path, 0700);  // folders made unreadable by a test must still go
+    return remove(path);
+}
+
+TempDir::~TempDir() {
+    // Reopen permissions top-down first so that the walk can enter folders.
+    chmod(m_path.c_str(), 0700);
+    nftw(m_path.c_str(), RemoveEntry, 32, FTW_DEPTH | FTW_PHYS);
+}
+
+void WriteWholeFile(const std::string& path, const std::string& data) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out) throw std::runtime_error("cannot write " + path);
+    out.write(data.data(), (std::streamsize)data.size());
+}
+
+std::string ReadWholeFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+bool PathExists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) lines.push_back(line);
+    return lines;
+}
+
+static int CountEntries(const char* folder) {
+    DIR* d = opendir(folder);
+    if (!d) return -1;
+    int n = 0;
+    while (struct dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.') ++n;
+    }
+    closedir(d);
+    return n;
+}
+
+int CountOpenDescriptors() { return CountEntries("/proc/self/fd") - 1; /* the walk's own */ }
+int CountThreads() { return CountEntries("/proc/self/task"); }

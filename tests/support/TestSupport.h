@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// A fresh folder under the system's temporary folder, removed with all its
+// contents when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& Path() const { return m_path; }
+    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+// Writes data to path (created or truncated); fails the test on error.
+void WriteWholeFile(const std::string& path, const std::string& data);
+std::string ReadWholeFile(const std::string& path);
+bool PathExists(const std::string& path);
+
+// Lines of text, split at '\n' (the last line may lack its line end).
+std::vector<std::string> SplitLines(const std::string& text);
+
+// Number of open descriptors and threads of this process.
+int CountOpenDescriptors();
+int CountThreads();
