@@ -403,3 +403,7 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la) {
     m_OpenedFileHandles.clear();
     m_OpenedFileLastAccessList.clear();
 }
+
+// ---- file table, export and session tables, file operations ----------------
+
+// ---- platform tests, system commands, vSphere records ----------------------

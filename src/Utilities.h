@@ -123,6 +123,10 @@ public:
     // OS_FileOpen reached from outside the cache.
     void CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la);
 
+    // ---- file table, export and session tables, file operations ------------
+
+    // ---- platform tests, system commands, vSphere records -------------------
+
 protected:
     ICallback* m_pCallback = nullptr;
     CFileLogger* m_pFileLogger = nullptr;
@@ -132,6 +136,10 @@ protected:
     std::map<std::string, OpenedFileInfo> m_OpenedFileHandles;
     std::map<std::string, std::string> m_OpenedFileLastAccessList;
     std::recursive_mutex m_hMutexOpenedFileHandles;
+
+    // ---- members of the file table, export and session tables ---------------
+
+    // ---- members of the platform tests, system commands, vSphere records ----
 
 private:
     long long ReportCall(CRuntimeParam* rp, long long result, int errnum, const char* errText, char* err,
