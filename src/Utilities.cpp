@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
@@ -402,6 +403,32 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la) {
     }
     m_OpenedFileHandles.clear();
     m_OpenedFileLastAccessList.clear();
+}
+
+// ---- path convention -------------------------------------------------------
+
+void CUtilities::GetCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in) {
+    if (in == nullptr) in = "";
+    bool logInfo = rp && rp->IsLogGeneralInfo();
+    char resolved[PATH_MAX];
+    if (strlen(in) < PATH_BUFFER_SIZE && realpath(in, resolved) != nullptr) {
+        CopyText(out, resolved, PATH_BUFFER_SIZE);
+        if (logInfo) LogInfo(rp, "[%s] Get canonical path successfully: %s", NameOf(la), out);
+        return;
+    }
+    CopyText(out, in, PATH_BUFFER_SIZE);
+    if (logInfo) LogInfo(rp, "[%s] Fail to get canonical path from non-exist path: %s", NameOf(la), in);
+}
+
+void CUtilities::SetPathToCompare(char* path, size_t size) {
+    size_t len = strnlen(path, size);
+    if (len == 0 || path[len - 1] == '/' || len + 1 >= size) return;
+    path[len] = '/';
+    path[len + 1] = '\0';
+}
+
+void CUtilities::SetPathToCompare(std::string& path) {
+    if (!path.empty() && path.back() != '/') path += '/';
 }
 
 // ---- file table, export and session tables, file operations ----------------

@@ -17,6 +17,8 @@ class CFileLogger;
 
 // Length of the one-line reason texts that operations write for their callers.
 constexpr size_t ERROR_TEXT_SIZE = 2048;
+// Size of the path buffers of the file service (the system's PATH_MAX).
+constexpr size_t PATH_BUFFER_SIZE = 4096;
 // Length of the buffer that one formatted log message may fill.
 constexpr size_t LOG_MESSAGE_SIZE = 2048;
 
@@ -122,6 +124,15 @@ public:
     // m_hMutexOpenedFileHandles, except on the out-of-descriptors retry of
     // OS_FileOpen reached from outside the cache.
     void CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la);
+
+    // ---- path convention ---------------------------------------------------
+    // Resolves in (through realpath) into out, which holds PATH_BUFFER_SIZE
+    // bytes; a path that cannot be resolved is copied unchanged (cut to fit).
+    void GetCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in);
+    // Appends "/" to a non-empty path that lacks one, so that "is inside"
+    // tests can compare by prefix. size is the buffer's size.
+    static void SetPathToCompare(char* path, size_t size = PATH_BUFFER_SIZE);
+    static void SetPathToCompare(std::string& path);
 
     // ---- file table, export and session tables, file operations ------------
 
