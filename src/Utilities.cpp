@@ -333,6 +333,10 @@ unsigned long long CUtilities::GetMaxFileSize(const char* path) {
     struct statfs64 s;
     unsigned long type = 0;
     if (statfs64(path, &s) == 0) type = (unsigned long)s.f_type;
+    return MaxFileSizeOfType(type);
+}
+
+unsigned long long CUtilities::MaxFileSizeOfType(unsigned long type) {
     switch (type) {
         case 0x4D44: return 1ULL << 32;      // FAT
         case 0x52654973: return 1ULL << 43;  // ReiserFS
