@@ -19,7 +19,9 @@ const char* NameOf(const LogArgu* la) { return la && la->pcName ? la->pcName : "
 
 void CopyText(char* dst, const char* src, size_t size) {
     if (dst == nullptr || size == 0) return;
-    snprintf(dst, size, "%s", src);
+    size_t n = strnlen(src, size - 1);
+    memmove(dst, src, n);
+    dst[n] = '\0';
 }
 
 }  // namespace
