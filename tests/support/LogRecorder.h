@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@ public:
     struct Line {
         std::string kind;
         std::string text;
+        bool operator==(const Line& other) const { return kind == other.kind && text == other.text; }
     };
 
     bool LogInfo(const char*, const char* text) override { return Add("info", text); }
@@ -59,3 +61,6 @@ private:
     mutable std::mutex m_mutex;
     std::vector<Line> m_lines;
 };
+
+// Lets test failures print recorded lines readably.
+inline void PrintTo(const LogRecorder::Line& line, std::ostream* os) { *os << line.kind << ": \"" << line.text << "\""; }
