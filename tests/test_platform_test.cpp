@@ -471,7 +471,10 @@ TEST_F(PlatformTest, QuickTestFindsAnExistingPath) {
     EXPECT_TRUE(u.RunQuickTestMode(&rp, (tmp / "file").c_str(), 0, nullptr));
     u.SetCallback(nullptr);
     EXPECT_STREQ("untouched", status);
-    for (const std::string& line : recorder.Texts("info")) EXPECT_EQ(std::string::npos, line.find("failed")) << line;
+    std::vector<std::string> lines = recorder.Texts("info");
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ("[Utilities.RunQuickTestMode] Get canonical path successfully: " + Canonical(tmp / "file"), lines[0]);
+    for (const std::string& line : lines) EXPECT_EQ(std::string::npos, line.find("failed")) << line;
 }
 
 TEST_F(PlatformTest, QuickTestOfAMissingPathGivesTheErrorCode) {

@@ -3,17 +3,18 @@
 // by stand-in scripts put first on the PATH.
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "LogRecorder.h"
+#include "PrivateMounts.h"
 #include "TestSupport.h"
 #include "Utilities.h"
 
@@ -35,6 +36,11 @@ void WriteStandIn(const std::string& folder, const std::string& name, const std:
                               "exit " + std::to_string(exitCode) + "\n");
     ASSERT_EQ(0, chmod(temporary.c_str(), 0755));
     ASSERT_EQ(0, rename(temporary.c_str(), path.c_str()));  // never rewrite a script in place
+}
+
+std::string Canonical(const std::string& path) {
+    char resolved[PATH_MAX];
+    return realpath(path.c_str(), resolved) ? std::string(resolved) : path;
 }
 
 void PutFirstOnPath(const std::string& folder) {
@@ -151,20 +157,17 @@ TEST_F(SystemCommands, NullCommandIsRefused) {
 }
 
 TEST_F(SystemCommands, PipeThatCannotBeStartedGivesMinusOne) {
-    CRuntimeParam rp("inst", 0);
-    // Use up every descriptor that the limit allows, so that no pipe can be made.
-    struct rlimit saved;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
-    struct rlimit low = saved;
-    low.rlim_cur = 64;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
-    std::vector<int> taken;
-    for (int fd; (fd = dup(0)) != -1;) taken.push_back(fd);
-    int result = u.ExecuteSystemCmd(&rp, "true", true);
-    for (int fd : taken) close(fd);
-    setrlimit(RLIMIT_NOFILE, &saved);
+    // Hide the shell from this process only: the pipe's command cannot start.
+    std::string err;
+    ASSERT_TRUE(EnterPrivateMountNamespace(err)) << err;
+    std::string shell = Canonical("/bin/sh");
+    std::string shellFolder = shell.substr(0, shell.rfind('/'));
+    ScopedTmpfs emptyFolder(shellFolder, "");
+    ASSERT_TRUE(emptyFolder.Ok()) << emptyFolder.Error();
+    ASSERT_FALSE(PathExists("/bin/sh"));
 
-    EXPECT_EQ(-1, result);
+    CRuntimeParam rp("inst", 0);
+    EXPECT_EQ(-1, u.ExecuteSystemCmd(&rp, "true", true));
     auto expected = Expected({{"info", "true"}, {"error", "Fail to execute cmd (popen() failed)"}});
     EXPECT_EQ(expected, recorder.Lines());
 }
