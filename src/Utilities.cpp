@@ -440,3 +440,406 @@ void CUtilities::SetPathToCompare(std::string& path) {
 // ---- file table, export and session tables, file operations ----------------
 
 // ---- platform tests, system commands, vSphere records ----------------------
+
+#include <algorithm>
+#include <memory>
+
+#include "VSphereWebController.h"
+
+namespace {
+
+const char* const TEST_STEP_OK = "[ OK ] ";
+const char* const TEST_STEP_FAIL = "[FAIL] ";
+const char* const TEST_CANNOT_START = "Cannot start platrorm test. Error=";
+
+// The text of a step or reason, whatever its length (paths may be long).
+std::string TestText(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string TestText(const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    va_list again;
+    va_copy(again, args);
+    int length = vsnprintf(nullptr, 0, fmt, args);
+    va_end(args);
+    std::string text;
+    if (length > 0) {
+        text.resize((size_t)length + 1);
+        vsnprintf(&text[0], text.size(), fmt, again);
+        text.resize((size_t)length);
+    }
+    va_end(again);
+    return text;
+}
+
+// One line of the platform test's report: "[ OK ] step." or
+// "[FAIL] step. Error=reason".
+void ReportTestStep(CUtilities& utilities, CRuntimeParam* rp, bool ok, const std::string& step,
+                    const std::string& reason) {
+    if (ok)
+        utilities.LogInfo(rp, "%s%s.", TEST_STEP_OK, step.c_str());
+    else
+        utilities.LogInfo(rp, "%s%s. Error=%s", TEST_STEP_FAIL, step.c_str(), reason.c_str());
+}
+
+std::string WithTrailingSlash(std::string path) {
+    CUtilities::SetPathToCompare(path);
+    return path;
+}
+
+// The credential commands of this build. They take no arguments: device
+// path, user and password are not put into them.
+const char* const ADD_NET_DEVICE_CREDENTIAL_CMD = "Add_Net_Device_Credential_Command_Not_Defined";
+const char* const REMOVE_NET_DEVICE_CREDENTIAL_CMD = "Remove_Net_Device_Credential_Command_Not_Defined";
+
+// Output of a system command is read in pieces of at most this many
+// characters.
+constexpr int SYSTEM_CMD_PIECE = 127;
+
+const char* const SYSTEM_CMD_SEPARATOR = "\n------\n";
+
+std::string TextOrEmpty(const char* text) { return text ? text : ""; }
+
+}  // namespace
+
+void CUtilities::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize) {
+    CRuntimeParam* rp = pRuntimeParam;
+    if (rp == nullptr) return;
+    LogArgu la = {"Utilities.RunTestMode"};
+    if (pcDirPath == nullptr || *pcDirPath == '\0') {
+        LogInfo(rp, "%sTarget directory is NULL", TEST_CANNOT_START);
+        return;
+    }
+    if (iFileSize <= 0) {
+        LogInfo(rp, "%sFile size is ZERO", TEST_CANNOT_START);
+        return;
+    }
+    char folder[PATH_BUFFER_SIZE];
+    GetCanonicalPath(rp, &la, folder, pcDirPath);
+    char err[ERROR_TEXT_SIZE] = "";
+    if (!OS_IsFileExists(folder, err)) {
+        LogInfo(rp, "%sFail to access directory \"%s\" (%s)", TEST_CANNOT_START, folder, err);
+        return;
+    }
+    const std::string testFolder = WithTrailingSlash(folder) + "_test";
+    const std::string testFile = WithTrailingSlash(testFolder) + "test.bak";
+    const std::string secondFile = testFile + "2";
+    const char* const pcFolder = testFolder.c_str();
+    const char* const pcFile = testFile.c_str();
+    const char* const pcSecond = secondFile.c_str();
+    if (OS_IsFileExists(pcFolder, nullptr)) {
+        LogInfo(rp, "%sTest directory \"%s\" already exist", TEST_CANNOT_START, pcFolder);
+        return;
+    }
+
+    LogInfo(rp, "%s", "=============================== START TEST ===============================");
+    LogInfo(rp, " >> Directory : \"%s\"", pcFolder);
+    LogInfo(rp, " >> File      : \"%s\"", pcFile);
+    LogInfo(rp, "%s", "");
+    LogInfo(rp, "%s", "------------------------ ATTRIBUTES of file system -----------------------");
+
+    char printable[64];
+    LogInfo(rp, "%-40s: %llu", "Current time (in milliseconds)", GetCurrentSystemTimeInMilliseconds());
+    const std::pair<const char*, unsigned long long> sizes[] = {
+        {"Maximum File Size", GetMaxFileSize(folder)},
+        {"Total Disk Space", GetTotalDiskSpace(folder)},
+        {"Free Disk Space", GetFreeDiskSpace(folder)},
+        {"Free Disk Space To Caller", GetFreeDiskSpaceAvailableToCaller(folder)},
+    };
+    for (const auto& size : sizes) {
+        GetPrintableFileSize(size.second, printable, sizeof printable);
+        LogInfo(rp, "%-40s: %s", size.first, printable);
+    }
+    const std::pair<const char*, unsigned long long> slots[] = {
+        {"Total File Slots", GetTotalFileSlots(folder)},
+        {"Free File Slots", GetFreeFileSlots(folder)},
+        {"Free File Slots To Caller", GetFreeFileSlotsAvailableToCaller(folder)},
+    };
+    for (const auto& count : slots) LogInfo(rp, "%-40s: %llu(%llX)", count.first, count.second, count.second);
+    LogInfo(rp, "%s", "");
+    LogInfo(rp, "%s", "-------------------------------- FILE IO ---------------------------------");
+
+    // Every step runs and is reported even after a failure, so that the
+    // report shows all that the file system cannot do.
+    bool created = OS_FolderCreate(rp, &la, pcFolder, 0755, err) == 0;
+    ReportTestStep(*this, rp, created && OS_IsFileExists(pcFolder, nullptr),
+                   TestText("Create directory \"%s\"", pcFolder), created ? "Directory not exist" : err);
+
+    int file = OS_FileCreate(rp, &la, pcFile, err);
+    ReportTestStep(*this, rp, file != -1 && OS_IsFileExists(pcFile, nullptr),
+                   TestText("Create file \"%s\"", pcFile), file != -1 ? "File not exist" : err);
+    bool closed = OS_FileClose(rp, &la, pcFile, file, err) == 0;
+    ReportTestStep(*this, rp, closed, TestText("Close file \"%s\"", pcFile), err);
+
+    unsigned long long size = (unsigned long long)iFileSize;
+    RunTestUpdateFileSize(rp, &la, pcFile, "Enlarge file", size + 1024);
+    RunTestUpdateFileSize(rp, &la, pcFile, "Shrink file", size);
+
+    file = OS_FileOpen(rp, &la, pcFile, O_RDWR, false, err);
+    ReportTestStep(*this, rp, file != -1, TestText("Open file \"%s\"", pcFile), err);
+    RunTestReadWriteFile(rp, &la, file, 0);
+    RunTestReadWriteFile(rp, &la, file, size);
+
+    struct stat st;
+    int savedMode = 0;
+    bool statOk = OS_GetFileStat(rp, &la, pcFile, &st, err) == 0;
+    if (statOk) savedMode = (int)st.st_mode;
+    ReportTestStep(*this, rp, statOk, TestText("Get file stat from file \"%s\"", pcFile), err);
+    RunTestUpdateFileAttribute(rp, &la, pcFile, 33060);  // 0100444: a regular file readable by all
+    RunTestUpdateFileAttribute(rp, &la, pcFile, savedMode);
+
+    closed = OS_FileClose(rp, &la, pcFile, file, err) == 0;
+    ReportTestStep(*this, rp, closed, TestText("Close file \"%s\"", pcFile), err);
+
+    bool renamed = OS_FileRename(rp, &la, pcFile, pcSecond, err) == 0;
+    ReportTestStep(*this, rp, renamed, TestText("Rename file from \"%s\" to \"%s\"", pcFile, pcSecond), err);
+    bool removed = OS_FileRemove(rp, &la, pcSecond, err) == 0;
+    ReportTestStep(*this, rp, removed, TestText("Remove file \"%s\"", pcSecond), err);
+    removed = OS_FolderRemove(rp, &la, pcFolder, err) == 0;
+    ReportTestStep(*this, rp, removed && !OS_IsFileExists(pcFolder, nullptr),
+                   TestText("Remove directory \"%s\"", pcFolder), removed ? "Directory still exist" : err);
+
+    // Whatever failed above, leave nothing behind.
+    unlink(pcFile);
+    unlink(pcSecond);
+    rmdir(pcFolder);
+    LogInfo(rp, "%s", "================================ END TEST ================================");
+}
+
+void CUtilities::RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcFilePath,
+                                       const char* pcAction, unsigned long long iSize) {
+    CRuntimeParam* rp = pRuntimeParam;
+    char err[ERROR_TEXT_SIZE] = "";
+    bool sized = OS_SetFileSize(rp, pLogArgu, pcFilePath, iSize, err);
+    ReportTestStep(*this, rp, sized, TestText("%s \"%s\" size to %lld", pcAction, pcFilePath, (long long)iSize), err);
+
+    int file = -1;
+    if (sized) file = OS_FileOpen(rp, pLogArgu, pcFilePath, O_RDWR, false, err);
+    ReportTestStep(*this, rp, file != -1, TestText("Open file \"%s\"", pcFilePath),
+                   sized ? err : "Set file size failed");
+
+    unsigned long long current = 0;
+    bool verified = false;
+    if (file != -1) {
+        current = (unsigned long long)OS_FileSeek(rp, pLogArgu, file, 0, SEEK_END, err);
+        verified = current == iSize;
+    }
+    ReportTestStep(*this, rp, verified, "Verify file size",
+                   file == -1 ? std::string("Open file failed")
+                              : TestText("Size not match (current size = %llu)", current));
+
+    bool closed = OS_FileClose(rp, pLogArgu, pcFilePath, file, err) == 0;
+    ReportTestStep(*this, rp, closed, TestText("Close file \"%s\"", pcFilePath), err);
+}
+
+void CUtilities::RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                                      unsigned long long iPos) {
+    CRuntimeParam* rp = pRuntimeParam;
+    char err[ERROR_TEXT_SIZE] = "";
+    // 2047 bytes of value 1, ended by a zero so that they compare as text.
+    char data[2048];
+    memset(data, 1, sizeof data - 1);
+    data[sizeof data - 1] = '\0';
+    const int length = (int)strlen(data);
+
+    unsigned long long at = (unsigned long long)OS_FileSeek(rp, pLogArgu, iFile, (long long)iPos, SEEK_SET, err);
+    bool seeked = at == iPos;
+    ReportTestStep(*this, rp, seeked, TestText("File seek to position %llu", iPos),
+                   TestText("Position not match (current pos = %llu)", at));
+
+    int written = -1;
+    if (seeked) written = OS_FileWrite(rp, pLogArgu, iFile, data, (unsigned int)length, err);
+    bool wrote = seeked && written == length;
+    ReportTestStep(*this, rp, wrote, TestText("Write data with length %d", length),
+                   seeked ? TestText("Data lenght not match (write length = %d)", written)
+                          : std::string("File seek failed"));
+
+    bool moved = false;
+    if (wrote) {
+        at = (unsigned long long)OS_FileSeek(rp, pLogArgu, iFile, (long long)iPos, SEEK_SET, err);
+        moved = at == iPos;
+    }
+    ReportTestStep(*this, rp, moved, TestText("Move pointer to position %llu", iPos),
+                   wrote ? TestText("Position not match (current pos = %llu)", at) : std::string("File write failed"));
+
+    char readBack[sizeof data] = {0};
+    int read = -1;
+    if (moved) read = OS_FileRead(rp, pLogArgu, iFile, readBack, (unsigned int)length, err);
+    bool readOk = moved && read == length;
+    ReportTestStep(*this, rp, readOk, TestText("Read data with length %d", length),
+                   moved ? TestText("Data lenght not match (read length = %d)", read)
+                         : std::string("File seek failed"));
+
+    bool same = readOk && strcmp(readBack, data) == 0;
+    ReportTestStep(*this, rp, same, TestText("Verify data with size %d", length),
+                   readOk ? "Data content not match" : "File read failed");
+}
+
+void CUtilities::RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                            const char* pcFilePath, int iMode) {
+    CRuntimeParam* rp = pRuntimeParam;
+    char err[ERROR_TEXT_SIZE] = "";
+    bool set = OS_SetFileMode(rp, pLogArgu, pcFilePath, iMode, err) == 0;
+    ReportTestStep(*this, rp, set, TestText("Set file mode %X to file \"%s\"", (unsigned)iMode, pcFilePath), err);
+
+    struct stat st;
+    bool got = false;
+    if (set) got = OS_GetFileStat(rp, pLogArgu, pcFilePath, &st, err) == 0;
+    ReportTestStep(*this, rp, got, TestText("Get file mode from file \"%s\"", pcFilePath),
+                   set ? err : "Set file mode failed");
+
+    // The whole mode word, file type bits included.
+    bool same = got && (int)st.st_mode == iMode;
+    ReportTestStep(*this, rp, same, TestText("Verify file mode %X from file \"%s\"", (unsigned)iMode, pcFilePath),
+                   got ? TestText("File mode not match (current file mode = %X)", (unsigned)st.st_mode)
+                       : std::string("Get file mode failed"));
+}
+
+bool CUtilities::RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, int iMode, char* pcStatus) {
+    CRuntimeParam* rp = pRuntimeParam;
+    LogArgu la = {"Utilities.RunQuickTestMode"};
+    if (rp == nullptr || pcPath == nullptr || *pcPath == '\0') {
+        const char* reason = "Invalid argument";
+        if (rp && rp->IsLogGeneralInfo()) LogInfo(rp, "Quick test failed. Error=\"%s\"", reason);
+        if (pcStatus) snprintf(pcStatus, ERROR_TEXT_SIZE, "%s", reason);
+        return false;
+    }
+    if (iMode != 0) {
+        if (pcStatus) snprintf(pcStatus, ERROR_TEXT_SIZE, "Unknown mode (%d)", iMode);
+        return false;
+    }
+    char path[PATH_BUFFER_SIZE];
+    GetCanonicalPath(rp, &la, path, pcPath);
+    char reason[ERROR_TEXT_SIZE] = "";
+    if (OS_IsFileExists(path, reason)) return true;
+    if (rp->IsLogGeneralInfo()) LogInfo(rp, "Quick exist test failed. Error=\"%s\"", reason);
+    if (pcStatus) snprintf(pcStatus, ERROR_TEXT_SIZE, "%s", reason);
+    return false;
+}
+
+int CUtilities::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd, bool bLogAlways) {
+    CRuntimeParam* rp = pRuntimeParam;
+    if (pcCmd == nullptr) return -1;
+    const bool logOutput = bLogAlways || (rp && rp->IsLogGeneralInfo());
+    if (logOutput) LogInfo(rp, "%s", pcCmd);
+
+    FILE* pipe = popen(pcCmd, "r");
+    if (pipe == nullptr) {
+        if (logOutput || (rp && rp->IsLogError())) LogError(rp, "%s", "Fail to execute cmd (popen() failed)");
+        return -1;
+    }
+    if (logOutput) LogRaw(rp, "%s", SYSTEM_CMD_SEPARATOR);
+    char piece[SYSTEM_CMD_PIECE + 1];
+    while (fgets(piece, sizeof piece, pipe) != nullptr) {
+        if (logOutput) LogRaw(rp, "%s", piece);
+    }
+
+    int status = -1;
+    char statusText[64];
+    if (feof(pipe)) {
+        status = pclose(pipe);
+        snprintf(statusText, sizeof statusText, "Process returned %d\n", status);
+    } else {
+        pclose(pipe);
+        snprintf(statusText, sizeof statusText, "%s", "Error: Failed to read the pipe to the end\n");
+    }
+    if (logOutput) {
+        LogRaw(rp, "%s", SYSTEM_CMD_SEPARATOR);
+        LogRaw(rp, "%s", statusText);
+    }
+    return status;
+}
+
+int CUtilities::ExecuteAddNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* /*pcPath*/,
+                                                 const char* /*pcUser*/, const char* /*pcPwd*/) {
+    return ExecuteSystemCmd(pRuntimeParam, ADD_NET_DEVICE_CREDENTIAL_CMD, false);
+}
+
+int CUtilities::ExecuteRemoveNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* /*pcPath*/) {
+    return ExecuteSystemCmd(pRuntimeParam, REMOVE_NET_DEVICE_CREDENTIAL_CMD, false);
+}
+
+bool CUtilities::AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
+                                        const char* pcPwd) {
+    if (pcPath == nullptr) return false;
+    std::lock_guard<std::mutex> lock(m_hMutexNetDeviceCredential);
+    if (ExecuteAddNetDeviceCredentialCmd(pRuntimeParam, pcPath, pcUser, pcPwd) != 0) return false;
+    if (std::find(m_NetDeviceCredential.begin(), m_NetDeviceCredential.end(), pcPath) == m_NetDeviceCredential.end())
+        m_NetDeviceCredential.emplace_back(pcPath);
+    return true;
+}
+
+bool CUtilities::RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    if (pcPath == nullptr) return false;
+    std::lock_guard<std::mutex> lock(m_hMutexNetDeviceCredential);
+    if (ExecuteRemoveNetDeviceCredentialCmd(pRuntimeParam, pcPath) != 0) return false;
+    auto listed = std::find(m_NetDeviceCredential.begin(), m_NetDeviceCredential.end(), pcPath);
+    if (listed != m_NetDeviceCredential.end()) m_NetDeviceCredential.erase(listed);
+    return true;
+}
+
+void CUtilities::RemoveAllNetDeviceCredential(CRuntimeParam* pRuntimeParam) {
+    std::lock_guard<std::mutex> lock(m_hMutexNetDeviceCredential);
+    for (const std::string& path : m_NetDeviceCredential)
+        ExecuteRemoveNetDeviceCredentialCmd(pRuntimeParam, path.c_str());
+    m_NetDeviceCredential.clear();
+}
+
+int CUtilities::GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
+    std::lock_guard<std::mutex> lock(m_hMutexNetDeviceCredential);
+    int count = (int)m_NetDeviceCredential.size();
+    if (bPrintDetails) {
+        for (int i = 0; i < count; ++i)
+            LogRaw(pRuntimeParam, " Net device path %d - %s", i + 1, m_NetDeviceCredential[(size_t)i].c_str());
+    }
+    return count;
+}
+
+void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
+                                const char* pcUser, const char* pcPwd) {
+    if (pcDatastoreMoid == nullptr) return;
+    VSphereInfo info{pcDatastoreMoid, TextOrEmpty(pcHost), TextOrEmpty(pcPort), TextOrEmpty(pcUser),
+                     TextOrEmpty(pcPwd)};
+    std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    m_mVSphereInfos[info.sDatastoreMoid] = std::move(info);
+}
+
+void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid) {
+    if (pcDatastoreMoid == nullptr) return;
+    std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    m_mVSphereInfos.erase(pcDatastoreMoid);
+}
+
+int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
+    std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    if (bPrintDetails) {
+        int number = 0;
+        for (const auto& row : m_mVSphereInfos) {
+            const VSphereInfo& info = row.second;
+            LogRaw(pRuntimeParam, " NFS datastore %d - %s (%s:%s)", ++number, info.sDatastoreMoid.c_str(),
+                   info.sHost.c_str(), info.sPort.c_str());
+        }
+    }
+    return (int)m_mVSphereInfos.size();
+}
+
+void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
+    CRuntimeParam* rp = pRuntimeParam;
+    std::lock_guard<std::mutex> lock(m_hMutexVSphereInfos);
+    if (m_mVSphereInfos.empty()) return;
+    const bool logInfo = rp && rp->IsLogGeneralInfo();
+    auto controller = std::make_unique<CVSphereWebController>();
+    if (logInfo) LogInfo(rp, "%s", "Start cleanup mounted NFS datastores");
+    // Lowest MOID first; a record goes whether the unmount worked or not.
+    while (!m_mVSphereInfos.empty()) {
+        auto first = m_mVSphereInfos.begin();
+        const VSphereInfo& info = first->second;
+        if (logInfo)
+            LogInfo(rp, "Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"", info.sDatastoreMoid.c_str(),
+                    info.sHost.c_str(), info.sPort.c_str());
+        controller->RemoveSession(info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str(),
+                                  info.sUser.c_str(), info.sPwd.c_str());
+        m_mVSphereInfos.erase(first);
+    }
+    controller.reset();
+    m_mVSphereInfos.clear();
+}

@@ -138,6 +138,46 @@ public:
     // ---- file table, export and session tables, file operations ------------
 
     // ---- platform tests, system commands, vSphere records -------------------
+    // Checks that the file system under pcDirPath supports what the server
+    // needs: creates "<pcDirPath>/_test", a file of iFileSize bytes in it,
+    // resizes, writes, reads, changes modes, renames and removes, and logs a
+    // report of every step whatever the log categories. Needs pRuntimeParam.
+    void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
+    // Mode 0 tests that pcPath exists; other modes are unknown. On false the
+    // reason goes to pcStatus (ERROR_TEXT_SIZE bytes; may be null).
+    bool RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, int iMode, char* pcStatus);
+    // Runs pcCmd through the shell and returns its wait status (exit code 1
+    // gives 256), or -1 when it could not be run or its output not read to
+    // the end. The output is logged when bLogAlways or general info is on.
+    int ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd, bool bLogAlways);
+
+    // Network devices whose credentials were registered through the external
+    // credential commands. User names and passwords are handed to the
+    // command runner only; they are never stored or logged.
+    bool AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
+                                const char* pcPwd);
+    bool RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    void RemoveAllNetDeviceCredential(CRuntimeParam* pRuntimeParam);
+    int GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+
+    // One NFS datastore that a vSphere host mounted from this server, with
+    // the credentials needed to unmount it when the server stops.
+    struct VSphereInfo {
+        std::string sDatastoreMoid;
+        std::string sHost;
+        std::string sPort;
+        std::string sUser;
+        std::string sPwd;  // kept in memory only, never logged
+    };
+    // Stores the record under its MOID, replacing one with the same MOID.
+    void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort, const char* pcUser,
+                        const char* pcPwd);
+    void RemoveVSphereInfo(const char* pcDatastoreMoid);
+    // Number of records; with bPrintDetails each one is logged raw.
+    int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+    // Unmounts every recorded datastore through the vSphere web control tool,
+    // in ascending MOID order, and forgets all records whatever the outcome.
+    void RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam);
 
 protected:
     ICallback* m_pCallback = nullptr;
@@ -152,6 +192,27 @@ protected:
     // ---- members of the file table, export and session tables ---------------
 
     // ---- members of the platform tests, system commands, vSphere records ----
+    // Steps of the platform test; each logs its lines of the report.
+    void RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcFilePath,
+                               const char* pcAction, unsigned long long iSize);
+    void RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                              unsigned long long iPos);
+    void RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcFilePath,
+                                    int iMode);
+    // Run the credential commands; return the wait status, or -1.
+    int ExecuteAddNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
+                                         const char* pcPwd);
+    int ExecuteRemoveNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* pcPath);
+
+    // Device paths in insertion order, without duplicates; the mutex is also
+    // held while a credential command runs.
+    std::vector<std::string> m_NetDeviceCredential;
+    std::mutex m_hMutexNetDeviceCredential;
+
+    // Datastore records by MOID; the mutex is held for a whole cleanup,
+    // including the tool runs.
+    std::map<std::string, VSphereInfo> m_mVSphereInfos;
+    std::mutex m_hMutexVSphereInfos;
 
 private:
     long long ReportCall(CRuntimeParam* rp, long long result, int errnum, const char* errText, char* err,
