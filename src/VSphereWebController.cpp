@@ -16,7 +16,7 @@ constexpr size_t COMMAND_LINE_SIZE = 1024;
 }  // namespace
 
 const char* CVSphereWebController::ToolName() {
-    static const char* const name = "DsUnmounter" "Lin" "X86";
+    static const char* const name = "DsUnmounterLinX86";
     return name;
 }
 
