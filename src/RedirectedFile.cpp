@@ -86,7 +86,7 @@ void AppendFormat(std::string& out, const char* fmt, ...) {
 
 // Records read per read call of a lookup scan once the first record read
 // did not cover the offset (kept on the stack).
-constexpr int RECORDS_PER_SCAN_READ = 256;
+constexpr int RECORDS_PER_SCAN_READ = 1024;
 // Bytes per read while exporting, and the listing text gathered per write.
 constexpr unsigned int EXPORT_CHUNK = 65536;
 
