@@ -92,8 +92,17 @@ constexpr unsigned int EXPORT_CHUNK = 65536;
 
 // The wording of this line is kept as it is, length specifiers included.
 // The C library reads each "%I64u" as an unsigned int printed in a field of
-// 64 characters, so the values are handed over as unsigned ints.
+// 64 characters (flag I, width 64), so the values are handed over as
+// unsigned ints. Compilers that read I64 as a length modifier would warn,
+// hence the formatting without the format check.
 const char* const SEGMENT_ADDED_FORMAT = "[%s] Segment id=%d, fox=%I64u, ox=%I64u, len=%I64u";
+
+void FormatUnchecked(char* out, size_t size, const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(out, size, fmt, args);
+    va_end(args);
+}
 
 }  // namespace
 
@@ -169,11 +178,19 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
     segment.iSource = source;
     segment.iFileOffset = iSrcFileOffset;
     segment.iOffset = iOffset;
-    // Clipped to end at the size. A room that does not fit (a hugely
-    // negative offset) exceeds every length.
-    long long room;
-    bool roomOverflows = __builtin_sub_overflow(m_iSize, iOffset, &room);
-    segment.iLength = (roomOverflows || iLength < room) ? iLength : room;
+    segment.iLength = iLength;
+    // Nothing of the file lies before offset 0: a part there is dropped,
+    // which also keeps a huge negative offset from asking for billions of
+    // records.
+    if (segment.iOffset < 0) {
+        long long before = SaturatedSub(0, segment.iOffset);
+        segment.iFileOffset = WrappingAdd(segment.iFileOffset, before);
+        segment.iLength = std::max(0LL, SaturatedSub(segment.iLength, before));
+        segment.iOffset = 0;
+    }
+    // Clipped to end at the size.
+    long long room = m_iSize - segment.iOffset;
+    if (segment.iLength > room) segment.iLength = room;
 
     int fd = GetFileHandle(pRuntimeParam, &la, m_sInfoFile, true);
     if (fd == -1) {
@@ -199,9 +216,12 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
         if (remaining > 0) writePiece(remaining);
     }
 
-    if (IsLogOn(pRuntimeParam, CRuntimeParam::LOG_REDIRECT_FILE))
-        m_pUtilities->LogInfo(pRuntimeParam, SEGMENT_ADDED_FORMAT, la.pcName, m_iId, (unsigned int)iSrcFileOffset,
-                              (unsigned int)iOffset, (unsigned int)segment.iLength);
+    if (IsLogOn(pRuntimeParam, CRuntimeParam::LOG_REDIRECT_FILE)) {
+        char line[LOG_MESSAGE_SIZE];
+        FormatUnchecked(line, sizeof line, SEGMENT_ADDED_FORMAT, la.pcName, m_iId, (unsigned int)iSrcFileOffset,
+                        (unsigned int)iOffset, (unsigned int)segment.iLength);
+        m_pUtilities->LogInfo(pRuntimeParam, "%s", line);
+    }
     return true;
 }
 

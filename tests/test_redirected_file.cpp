@@ -63,6 +63,12 @@ std::string LittleEndian(unsigned long long v, int bytes) {
     return out;
 }
 
+unsigned long long GetLittleEndianForTest(const char* p) {
+    unsigned long long v = 0;
+    for (int i = 7; i >= 0; --i) v = (v << 8) | (unsigned char)p[i];
+    return v;
+}
+
 std::string RecordBytes(const Record& r) {
     return LittleEndian((unsigned int)r.iSource, 4) + LittleEndian((unsigned long long)r.iFileOffset, 8) +
            LittleEndian((unsigned long long)r.iOffset, 8) + LittleEndian((unsigned long long)r.iLength, 8);
@@ -185,6 +191,15 @@ TEST_F(RedirectedFileTest, SegmentPastTheSizeIsClippedAndOneAtTheSizeRefused) {
     ASSERT_TRUE(file.AddSegment(&rp, "/src/a", 5, 99, 1, status));
     EXPECT_EQ(std::string(sizeof status, 'x'), std::string(status, sizeof status));
     ExpectRecords(info, {{0, 5, 50, 50}, {0, 5, 99, 1}});
+}
+
+TEST_F(RedirectedFileTest, PartBeforeOffsetZeroIsDropped) {
+    CRedirectedFile file(&utilities);
+    file.Open(&rp, 100, 0, info.c_str(), 0, 0);
+    ASSERT_TRUE(file.AddSegment(&rp, "/src/a", 1000, -10, 30, nullptr));
+    ASSERT_TRUE(file.AddSegment(&rp, "/src/a", 1000, -10, 5, nullptr));  // wholly before 0: nothing
+    ASSERT_TRUE(file.AddSegment(&rp, "/src/a", 0, LLONG_MIN, LLONG_MAX, nullptr));
+    ExpectRecords(info, {{0, 1010, 0, 20}});
 }
 
 TEST_F(RedirectedFileTest, OpenAndAddLogLines) {
@@ -434,7 +449,7 @@ TEST_F(RedirectedFileTest, CorruptInfoFileNeverCrashesOrOverrunsTheBuffer) {
     for (int i = 0; i < 400; ++i) {
         Record r;
         r.iSource = (int)(gen() % 5) - 2;
-        r.iFileOffset = extremes[gen() % 9] + (long long)(gen() % 3);
+        r.iFileOffset = (long long)((unsigned long long)extremes[gen() % 9] + gen() % 3);
         r.iOffset = gen() % 2 ? extremes[gen() % 9] : (long long)(gen() % (1 << 20));
         r.iLength = gen() % 2 ? extremes[gen() % 9] : (long long)(gen() % 100000);
         bytes += RecordBytes(r);
@@ -458,6 +473,42 @@ TEST_F(RedirectedFileTest, CorruptInfoFileNeverCrashesOrOverrunsTheBuffer) {
     file.ExportInfo(&rp, target.c_str(), true);
     file.ExportInfo(&rp, target.c_str(), false);
     EXPECT_FALSE(ReadWholeFile(target).empty());
+}
+
+TEST_F(RedirectedFileTest, ExtremeSegmentValuesNeverCrashOrOverrun) {
+    MakeSource("a", 4096, 18);
+    const long long extremes[] = {0, 1, -1, LLONG_MAX, LLONG_MIN, 5000, 4096, -4096, LLONG_MAX - 10};
+    for (bool useInfoFile : {true, false}) {
+        CRedirectedFile file(&utilities);
+        file.Open(&rp, 1 << 20, 0, useInfoFile ? info.c_str() : nullptr, 1, 1);
+        std::mt19937_64 gen(19);
+        for (int i = 0; i < 200; ++i) {
+            long long fox = extremes[gen() % 9], ox = extremes[gen() % 9], len = extremes[gen() % 9];
+            bool added = file.AddSegment(&rp, gen() % 2 ? (dir / "a").c_str() : nullptr, fox, ox, len, nullptr);
+            EXPECT_EQ(ox < (1 << 20), added);
+        }
+        // Everything recorded lies inside the file.
+        std::string bytes = ReadWholeFile(info);
+        for (size_t at = 0; at + 28 <= bytes.size(); at += 28) {
+            long long ox = (long long)GetLittleEndianForTest(bytes.data() + at + 12);
+            long long len = (long long)GetLittleEndianForTest(bytes.data() + at + 20);
+            EXPECT_GE(ox, 0);
+            EXPECT_GT(len, 0);
+            EXPECT_LE(ox + len, 1 << 20);
+        }
+        const unsigned int maxLen = 70000;
+        std::vector<char> buf(maxLen + 64);
+        for (int i = 0; i < 200; ++i) {
+            std::fill(buf.begin(), buf.end(), 'G');
+            long long seek = gen() % 3 == 0 ? extremes[gen() % 9] : (long long)(gen() % (1 << 20));
+            unsigned int n = (unsigned int)(gen() % (maxLen + 1));
+            bool eof;
+            int count = file.Read(&rp, seek, buf.data(), n, &eof);
+            EXPECT_GE(count, 0);
+            EXPECT_LE(count, (int)n);
+            EXPECT_TRUE(std::all_of(buf.begin() + n, buf.end(), [](char c) { return c == 'G'; }));
+        }
+    }
 }
 
 TEST_F(RedirectedFileTest, ReadLogLines) {
