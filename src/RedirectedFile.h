@@ -89,8 +89,11 @@ private:
     long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iOffset, int iWhence);
     long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd);
 
-    // The descriptors this file reads and writes, kept open by path so that
-    // consecutive reads of one source do not reopen it.
+    // The descriptors this file reads and writes (info file, sources, export
+    // targets), kept open by path so that consecutive reads of one source do
+    // not reopen it. Every access seeks first. Kept by this object for now;
+    // the file service's shared descriptor cache (GetCachedFileHandle,
+    // CloseCachedFileHandle) takes the place of these two once it exists.
     int GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
                       bool bAlwaysReadWrite);
     void CloseFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath);
