@@ -90,7 +90,7 @@ constexpr int RECORDS_PER_SCAN_READ = 1024;
 // Bytes per read while exporting, and the listing text gathered per write.
 constexpr unsigned int EXPORT_CHUNK = 65536;
 
-// The wording of this line is kept as it is, length specifiers included.
+// The wording of this line is kept as it is, "%I64u" conversions included.
 // The C library reads each "%I64u" as an unsigned int printed in a field of
 // 64 characters (flag I, width 64), so the values are handed over as
 // unsigned ints. Compilers that read I64 as a length modifier would warn,

@@ -208,7 +208,7 @@ TEST_F(RedirectedFileTest, OpenAndAddLogLines) {
     ASSERT_TRUE(file.AddSegment(&rp, "/src/a", 12, 34, 56, nullptr));
     EXPECT_EQ((std::vector<std::string>{"[RedirectedFile.Open] id=3, size=5000000000 (path=" + info + ")"}),
               recorder.Starting("[RedirectedFile.Open]"));
-    // The length specifiers of this line stay as they are: each value is
+    // The "%I64u" conversions of this line stay as they are: each value is
     // printed in a field of 64 characters.
     auto field = [](const std::string& digits) { return std::string(64 - digits.size(), ' ') + digits; };
     EXPECT_EQ((std::vector<std::string>{"[RedirectedFile.AddSegment] Segment id=3, fox=" + field("12") +
