@@ -1,0 +1,195 @@
+// Scale of a redirected file: a 2 TiB virtual disk assembled from many
+// segments of sparse source files.
+//
+//   bench_redirected_file                       1,000,000 segments
+//   REDIRECTED_BENCH_SEGMENTS=10000000 bench_redirected_file
+//
+// AddSegments: time to add every segment and the resident memory before and
+// after (it must stay flat: the segments live in the info file).
+// RandomRead: 64 KiB reads at random offsets of the whole file, with the
+// info-file records examined per lookup, against reads of the same ranges
+// from one source file directly.
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "RedirectedFile.h"
+#include "Utilities.h"
+
+namespace {
+
+constexpr long long TiB = 1LL << 40;
+constexpr long long FILE_SIZE = 2 * TiB;
+constexpr unsigned int READ_SIZE = 65536;
+
+long long ResidentKiB() {
+    FILE* f = fopen("/proc/self/status", "r");
+    if (!f) return -1;
+    char line[256];
+    long long kib = -1;
+    while (fgets(line, sizeof line, f))
+        if (sscanf(line, "VmRSS: %lld kB", &kib) == 1) break;
+    fclose(f);
+    return kib;
+}
+
+// A folder with three sparse 2 TiB sources and an empty info file.
+class Workspace {
+public:
+    Workspace() {
+        char pattern[] = "/tmp/redirected-bench-XXXXXX";
+        if (!mkdtemp(pattern)) abort();
+        m_folder = pattern;
+        for (int i = 0; i < 3; ++i) {
+            sources.push_back(m_folder + "/source" + std::to_string(i));
+            int fd = open(sources.back().c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+            if (fd == -1 || ftruncate(fd, FILE_SIZE) != 0) abort();
+            close(fd);
+        }
+    }
+    ~Workspace() {
+        for (const std::string& p : created) unlink(p.c_str());
+        for (const std::string& p : sources) unlink(p.c_str());
+        rmdir(m_folder.c_str());
+    }
+    std::string NewInfoFile() {
+        created.push_back(m_folder + "/info" + std::to_string(created.size()));
+        int fd = open(created.back().c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        if (fd == -1) abort();
+        close(fd);
+        return created.back();
+    }
+
+    std::vector<std::string> sources;
+
+private:
+    std::string m_folder;
+    std::vector<std::string> created;
+};
+
+Workspace& Space() {
+    static Workspace space;
+    return space;
+}
+
+CUtilities& Utilities() {
+    static CUtilities utilities;
+    return utilities;
+}
+
+CRuntimeParam& Quiet() {
+    static CRuntimeParam rp("bench", 0);
+    return rp;
+}
+
+// Segment i covers [i*size/n, (i+1)*size/n) from source i%3 at the same offset.
+void AddAll(CRedirectedFile& file, long long n) {
+    for (long long i = 0; i < n; ++i) {
+        long long begin = (long long)((__int128)FILE_SIZE * i / n);
+        long long end = (long long)((__int128)FILE_SIZE * (i + 1) / n);
+        file.AddSegment(&Quiet(), Space().sources[(size_t)(i % 3)].c_str(), begin, begin, end - begin, nullptr);
+    }
+}
+
+std::unique_ptr<CRedirectedFile> NewFile() {
+    auto file = std::make_unique<CRedirectedFile>(&Utilities());
+    file->Open(&Quiet(), FILE_SIZE, 0, Space().NewInfoFile().c_str(), 0, 0);
+    return file;
+}
+
+// Built once per segment count and shared by the read benchmarks.
+CRedirectedFile& BuiltFile(long long n) {
+    static std::map<long long, std::unique_ptr<CRedirectedFile>> files;
+    auto& file = files[n];
+    if (!file) {
+        file = NewFile();
+        AddAll(*file, n);
+    }
+    return *file;
+}
+
+void AddSegments(benchmark::State& state) {
+    long long n = state.range(0);
+    long long before = 0, after = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::unique_ptr<CRedirectedFile> file = NewFile();
+        before = ResidentKiB();
+        state.ResumeTiming();
+        AddAll(*file, n);
+        state.PauseTiming();
+        after = ResidentKiB();
+        file.reset();
+        state.ResumeTiming();
+    }
+    state.counters["segments_per_s"] = benchmark::Counter((double)n * (double)state.iterations(),
+                                                          benchmark::Counter::kIsRate);
+    state.counters["rss_before_KiB"] = (double)before;
+    state.counters["rss_after_KiB"] = (double)after;
+    state.counters["rss_growth_KiB"] = (double)(after - before);
+}
+
+// Each iteration reads 64 KiB at a random offset through the redirected
+// file and then the same range of one source directly; both are timed
+// apart, so that their ratio is taken under the same machine load.
+void RandomRead(benchmark::State& state) {
+    long long n = state.range(0);
+    CRedirectedFile& file = BuiltFile(n);
+    int plain = open(Space().sources[0].c_str(), O_RDONLY);
+    std::vector<char> buffer(READ_SIZE);
+    std::mt19937_64 gen(5);
+    long long recordsBefore = file.GetInfoFileRecordsRead();
+    long long rssBefore = ResidentKiB();
+    double redirectedSeconds = 0, plainSeconds = 0;
+    for (auto _ : state) {
+        long long offset = (long long)(gen() % (unsigned long long)(FILE_SIZE - READ_SIZE));
+        bool eof;
+        auto t0 = std::chrono::steady_clock::now();
+        int count = file.Read(&Quiet(), offset, buffer.data(), READ_SIZE, &eof);
+        auto t1 = std::chrono::steady_clock::now();
+        ssize_t direct = pread(plain, buffer.data(), READ_SIZE, offset);
+        auto t2 = std::chrono::steady_clock::now();
+        if (count != (int)READ_SIZE || direct != (ssize_t)READ_SIZE) state.SkipWithError("short read");
+        benchmark::DoNotOptimize(buffer.data());
+        redirectedSeconds += std::chrono::duration<double>(t1 - t0).count();
+        plainSeconds += std::chrono::duration<double>(t2 - t1).count();
+    }
+    close(plain);
+    double reads = (double)state.iterations();
+    state.counters["redirected_us"] = redirectedSeconds / reads * 1e6;
+    state.counters["plain_us"] = plainSeconds / reads * 1e6;
+    state.counters["redirected_reads_per_s"] = reads / redirectedSeconds;
+    state.counters["plain_reads_per_s"] = reads / plainSeconds;
+    state.counters["time_ratio"] = redirectedSeconds / plainSeconds;
+    state.counters["records_per_lookup"] = (double)(file.GetInfoFileRecordsRead() - recordsBefore) / reads;
+    state.counters["rss_growth_KiB"] = (double)(ResidentKiB() - rssBefore);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    long long segments = 1000000;
+    if (const char* env = getenv("REDIRECTED_BENCH_SEGMENTS")) segments = atoll(env);
+    benchmark::RegisterBenchmark("AddSegments", AddSegments)
+        ->Arg(segments)
+        ->Iterations(1)
+        ->Unit(benchmark::kMillisecond);
+    // One segment per 32 MiB block (the estimate hits at once), then many.
+    for (long long n : {FILE_SIZE >> 25, segments})
+        benchmark::RegisterBenchmark("RandomRead", RandomRead)->Arg(n)->Unit(benchmark::kMicrosecond)->UseRealTime();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

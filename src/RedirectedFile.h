@@ -1,0 +1,118 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "RuntimeParam.h"
+
+class CUtilities;
+
+// One range of a redirected file: iLength bytes at iOffset hold the bytes of
+// source iSource from iFileOffset on. A source of -1 reads as zeros.
+struct Segment {
+    int iSource = -1;
+    long long iFileOffset = 0;
+    long long iOffset = 0;
+    long long iLength = 0;
+};
+
+// Size of a segment in the info file: iSource, iFileOffset, iOffset and
+// iLength, little-endian, no padding, no header before the first record.
+constexpr int SEGMENT_RECORD_SIZE = 28;
+
+// Cursor of a read. index -1 means no segment; otherwise the position in the
+// in-memory list, or (info file) the found record's iOffset.
+struct ProcSegment {
+    long long index = -1;
+    Segment segment;
+};
+
+// A record written at info-file position iFileOffset whose redirected-file
+// offset iOffset is a multiple of the checkpoint spacing.
+struct CheckPointSegment {
+    long long iFileOffset = 0;
+    long long iOffset = 0;
+};
+
+// A virtual file of a declared size assembled from ranges of other local
+// files. The segment list lives in an info file of fixed-size records, so
+// that millions of segments cost no memory; lookups seek to an estimated
+// record (one per segment-size block, corrected by checkpoints). When the
+// info file cannot be opened the segments are kept in memory instead.
+// No lock of its own: the owner must not run two operations at once.
+class CRedirectedFile {
+public:
+    explicit CRedirectedFile(CUtilities* pUtilities);
+    virtual ~CRedirectedFile();
+    CRedirectedFile(const CRedirectedFile&) = delete;
+    CRedirectedFile& operator=(const CRedirectedFile&) = delete;
+
+    // pcInfoFile may be null (segments kept in memory). Sizes in MiB; zero or
+    // negative keeps 32 MiB and 1024 MiB. The info file is neither created
+    // nor emptied here.
+    void Open(CRuntimeParam* pRuntimeParam, long long iSize, int iId, const char* pcInfoFile,
+              int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB);
+    // Acts once: forgets segments, sources and checkpoints and closes their
+    // descriptors; the info file stays on disk.
+    void Close(CRuntimeParam* pRuntimeParam);
+    long long GetFileSize() const { return m_iSize; }
+
+    // Up to iLen bytes at iSeek into pcBuf; *pbEof tells whether the read
+    // reached the declared size. A read at or past the size returns 0.
+    int Read(CRuntimeParam* pRuntimeParam, long long iSeek, char* pcBuf, unsigned int iLen, bool* pbEof);
+    // False only when iOffset is at or past the size; pcStatus is not written.
+    bool AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSourcePath, long long iSrcFileOffset,
+                    long long iOffset, long long iLength, char* pcStatus);
+    // Write the assembled content, or a listing of the segments, into the
+    // existing local file pcPath.
+    void Export(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    void ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bMergeRange);
+
+    // Number of info-file records examined by segment lookups since the
+    // file was built (for measurements).
+    long long GetInfoFileRecordsRead() const { return m_iInfoFileRecordsRead; }
+
+private:
+    void CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment);
+    void GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, ProcSegment* pCursor);
+    void GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* pCursor);
+    int Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long long iSeek, char* pcBuf, unsigned int iLen);
+    int SourceIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSourcePath);
+    const char* SourcePath(int iSource) const;
+    void WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const Segment& segment);
+
+    // Descriptor access; descriptor -1 is a source of zeros.
+    int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, void* pBuf, unsigned int iLen);
+    int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const void* pBuf, unsigned int iLen);
+    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iOffset, int iWhence);
+    long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd);
+
+    // The descriptors this file reads and writes (info file, sources, export
+    // targets), kept open by path so that consecutive reads of one source do
+    // not reopen it. Every access seeks first. Kept by this object for now;
+    // the file service's shared descriptor cache (GetCachedFileHandle,
+    // CloseCachedFileHandle) takes the place of these two once it exists.
+    int GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
+                      bool bAlwaysReadWrite);
+    void CloseFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath);
+
+    long long m_iSize = 0;
+    std::vector<std::string> m_vSource;
+    std::vector<Segment> m_vAllCachedSegment;
+    std::string m_sInfoFile;
+    long long m_iInfoFileSegmentSize = 1LL << 25;
+    long long m_iInfoFileCheckPointSize = 1LL << 30;
+    std::vector<CheckPointSegment> m_vInfoFileCheckPoint;
+    long long m_iPos = 0;
+    CUtilities* m_pUtilities;
+    int m_iId = 0;
+    bool m_bClosed = false;
+
+    // Index of each path in m_vSource, so that adding a segment does not
+    // search the whole list.
+    std::unordered_map<std::string, int> m_mSourceIndex;
+    std::map<std::string, int> m_mFileHandles;
+    long long m_iInfoFileRecordsRead = 0;
+};
