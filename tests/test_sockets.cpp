@@ -71,17 +71,25 @@ TEST(ServerSocket, DisconnectedClientFreesItsSlotForTheNextConnection) {
         EXPECT_EQ("127.0.0.1", listener.GetConnection(i)->GetRemoteAddress());
     }
 
+    const int fds = CountOpenDescriptors();
+    const int threads = CountThreads();
+
     // Slot 1 is freed by the disconnect, and the next client gets it (the
     // lowest free one); were it not freed, the fourth client would abort.
     c[1]->Close();
     ASSERT_TRUE(WaitUntil([&] { return !listener.GetConnection(1)->IsActive(); }));
     EXPECT_TRUE(listener.GetConnection(0)->IsActive());
     EXPECT_TRUE(listener.GetConnection(2)->IsActive());
+    // The ended connection keeps its descriptor until the slot is reused.
+    EXPECT_EQ(fds - 1, CountOpenDescriptors());
 
     RpcTestClient next(RpcTestClient::TCP, e->tcpPort);
     ASSERT_TRUE(NullCall(next, 10));
     EXPECT_TRUE(listener.GetConnection(1)->IsActive());
     EXPECT_EQ(next.LocalPort(), listener.GetConnection(1)->GetRemotePort());
+    // Reopening the slot closed the old descriptor and joined the old thread.
+    EXPECT_EQ(fds, CountOpenDescriptors());
+    EXPECT_EQ(threads, CountThreads());
     // The reused slot starts clean and keeps serving.
     ASSERT_TRUE(NullCall(next, 11));
     ASSERT_TRUE(NullCall(*c[0], 12));
