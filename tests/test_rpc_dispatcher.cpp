@@ -89,9 +89,9 @@ TEST_F(Dispatcher, AnswersCallsOverTcpAndUdp) {
         EXPECT_EQ(3u, p.iVersion);
         EXPECT_EQ((uint32_t)TestRpcProg::PROC_SUM, p.iProc);
         EXPECT_EQ("127.0.0.1", p.sRemoteAddr);
-        ASSERT_NE(nullptr, p.pRuntimeParam);
-        EXPECT_STREQ("127.0.0.1", p.pRuntimeParam->GetID());
-        EXPECT_EQ(RpcServerHarness::ALL_LOGS, p.pRuntimeParam->GetLogControl());
+        EXPECT_NE(nullptr, p.pRuntimeParam);
+        EXPECT_EQ("127.0.0.1", nfs.LastRuntimeID());
+        EXPECT_EQ(RpcServerHarness::ALL_LOGS, nfs.LastLogControl());
     }
     EXPECT_EQ(4, nfs.Calls());
 }

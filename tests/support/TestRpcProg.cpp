@@ -6,6 +6,7 @@
 #include "DataTruncatedExpt.h"
 #include "InputStream.h"
 #include "OutputStream.h"
+#include "RuntimeParam.h"
 
 namespace {
 
@@ -62,12 +63,24 @@ int TestRpcProg::Process(CInputStream* in, COutputStream* out, ProcessParam* par
     std::lock_guard<std::mutex> lock(m_mutex);
     m_last = *param;
     m_iLastResult = result;
+    m_sLastRuntimeID = param->pRuntimeParam ? param->pRuntimeParam->GetID() : "";
+    m_iLastLogControl = param->pRuntimeParam ? param->pRuntimeParam->GetLogControl() : -1;
     return result;
 }
 
 ProcessParam TestRpcProg::LastParam() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_last;
+}
+
+std::string TestRpcProg::LastRuntimeID() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_sLastRuntimeID;
+}
+
+int TestRpcProg::LastLogControl() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_iLastLogControl;
 }
 
 int TestRpcProg::LastResult() const {

@@ -32,6 +32,9 @@ public:
     // The parameters and result of the latest call.
     ProcessParam LastParam() const;
     int LastResult() const;
+    // The dispatcher's runtime ID and log control as the latest call saw them.
+    std::string LastRuntimeID() const;
+    int LastLogControl() const;
 
 private:
     unsigned int m_iVersion;
@@ -42,4 +45,6 @@ private:
     mutable std::mutex m_mutex;
     ProcessParam m_last;
     int m_iLastResult = -1;
+    std::string m_sLastRuntimeID;
+    int m_iLastLogControl = -1;
 };
