@@ -51,7 +51,7 @@ void PutFirstOnPath(const std::string& folder) {
 
 std::vector<LogRecorder::Line> Expected(std::vector<std::pair<const char*, std::string>> lines) {
     std::vector<LogRecorder::Line> out;
-    for (auto& line : lines) out.push_back({line.first, line.second});
+    for (auto& line : lines) out.push_back({line.first, "", line.second});
     return out;
 }
 

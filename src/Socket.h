@@ -1,0 +1,73 @@
+#pragma once
+
+#include <netinet/in.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <string>
+
+class CInputStream;
+class COutputStream;
+class CSocket;
+
+// Told about the bytes a connection received, on that connection's thread.
+class ISocketListener {
+public:
+    virtual ~ISocketListener() = default;
+    virtual void SocketReceived(CSocket* socket) = 0;
+};
+
+// One RPC connection: a descriptor, its receive thread and its pair of 1 MiB
+// XDR streams. A TCP connection serves one accepted peer; the single UDP
+// connection of a datagram socket answers whoever sent the last datagram.
+class CSocket {
+public:
+    enum { TYPE_TCP = 1, TYPE_UDP = 2 };
+
+    CSocket(int type, unsigned long progId);
+    virtual ~CSocket();
+    CSocket(const CSocket&) = delete;
+    CSocket& operator=(const CSocket&) = delete;
+
+    // Takes fd (closing any previous descriptor and thread first) and, when
+    // fd is not -1, starts the receive thread.
+    void Open(int fd, ISocketListener* listener, const sockaddr_in* remote);
+    // Shuts the descriptor down, joins the receive thread, closes the descriptor.
+    void Close();
+    // Sends the output stream once; an unsent tail stays for the next Send.
+    void Send();
+
+    bool IsActive() const { return m_bActive; }
+    int GetType() const { return m_iType; }
+    unsigned long GetProgId() const { return m_lProgId; }
+    CInputStream* GetInputStream() { return m_pInputStream; }
+    COutputStream* GetOutputStream() { return m_pOutputStream; }
+    std::string GetRemoteAddress() const;
+    int GetRemotePort() const;
+
+private:
+    static void* ThreadMain(void* self);
+    void Run();
+
+    int m_iType;
+    int m_Socket = -1;
+    sockaddr_in m_RemoteAddr{};
+    ISocketListener* m_pListener = nullptr;
+    CInputStream* m_pInputStream;
+    COutputStream* m_pOutputStream;
+    std::atomic<bool> m_bActive{false};
+    // Set while Close runs, so that the datagram receive loop can tell the
+    // wake-up of a shutdown from an empty datagram.
+    std::atomic<bool> m_bClosing{false};
+    pthread_t m_hThread = (pthread_t)-1;
+    int m_iThreadCreated = -1;
+    unsigned long m_lProgId;
+};
+
+// Writes "<what>. <system text> (<errnum>)" into err (ERROR_TEXT_SIZE bytes)
+// when err is given: the failure texts of the listening sockets.
+void ReportSocketError(char* err, const char* what, int errnum);
+
+// Joins a thread made by pthread_create (created == 0) unless a signal-0
+// probe says it no longer exists; sets created back to -1.
+void JoinSocketThread(pthread_t thread, int& created);
