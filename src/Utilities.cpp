@@ -436,6 +436,7 @@ void CUtilities::SetPathToCompare(std::string& path) {
 // -- file IDs and handles --
 
 unsigned int CUtilities::GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path) {
+    if (path == nullptr) return NO_FILE_ID;  // the table has no row for a null path
     char canonical[PATH_BUFFER_SIZE];
     GetCanonicalPath(param, argu, canonical, path);
     std::lock_guard<std::mutex> lock(m_hMutexFileTable);
