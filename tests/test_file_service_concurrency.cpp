@@ -60,12 +60,20 @@ TEST(FileServiceConcurrency, TableCacheReadsAndExportsUnderLoad) {
         if (!ok) failures.fetch_add(1);
     };
     std::vector<std::thread> threads;
+    // Every thread starts its work at the same moment.
+    std::atomic<int> ready{0};
+    const int threadCount = readers + 2;
+    auto startTogether = [&] {
+        ready.fetch_add(1);
+        while (ready.load() < threadCount) std::this_thread::yield();
+    };
 
     for (int r = 0; r < readers; ++r) {
         threads.emplace_back([&, r] {
             std::string folder = base + "/data/r" + std::to_string(r);
             char buf[2048];
             char path[PATH_BUFFER_SIZE];
+            startTogether();
             for (int round = 0; round < rounds; ++round) {
                 int f = round % filesPerReader;
                 std::string file = folder + "/f" + std::to_string(f);
@@ -95,6 +103,7 @@ TEST(FileServiceConcurrency, TableCacheReadsAndExportsUnderLoad) {
 
     std::vector<unsigned int> newIds;
     threads.emplace_back([&] {
+        startTogether();
         // New paths grow the table while the others look theirs up.
         for (int i = 0; i < rounds * 2; ++i)
             newIds.push_back(u.GetFileID(&rp, &la, (base + "/data/new/n" + std::to_string(i)).c_str()));
@@ -110,6 +119,7 @@ TEST(FileServiceConcurrency, TableCacheReadsAndExportsUnderLoad) {
     });
 
     threads.emplace_back([&] {
+        startTogether();
         for (int i = 0; i < rounds; ++i) {
             std::string name = "extra" + std::to_string(i % 4);
             std::string local = base + "/" + name;
