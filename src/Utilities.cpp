@@ -19,7 +19,9 @@ const char* NameOf(const LogArgu* la) { return la && la->pcName ? la->pcName : "
 
 void CopyText(char* dst, const char* src, size_t size) {
     if (dst == nullptr || size == 0) return;
-    snprintf(dst, size, "%s", src);
+    size_t n = strnlen(src, size - 1);
+    memmove(dst, src, n);
+    dst[n] = '\0';
 }
 
 }  // namespace
@@ -333,6 +335,10 @@ unsigned long long CUtilities::GetMaxFileSize(const char* path) {
     struct statfs64 s;
     unsigned long type = 0;
     if (statfs64(path, &s) == 0) type = (unsigned long)s.f_type;
+    return MaxFileSizeOfType(type);
+}
+
+unsigned long long CUtilities::MaxFileSizeOfType(unsigned long type) {
     switch (type) {
         case 0x4D44: return 1ULL << 32;      // FAT
         case 0x52654973: return 1ULL << 43;  // ReiserFS

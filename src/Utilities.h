@@ -129,6 +129,7 @@ public:
     static unsigned long long GetFreeFileSlotsAvailableToCaller(const char* path);
     static unsigned long long GetFileSystemID(const char* path);
     static unsigned long long GetMaxFileSize(const char* path);
+    static unsigned long long MaxFileSizeOfType(unsigned long fsType);
 
     static unsigned long long GetCurrentSystemTimeInMilliseconds();
     static void GetPrintableFileSize(unsigned long long size, char* out, size_t outSize = 32);
