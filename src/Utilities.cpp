@@ -800,7 +800,8 @@ long long CUtilities::GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pc
 }
 
 bool CUtilities::NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
-    int fd = OS_FileCreate(rp, la, OrEmpty(pcPath), nullptr);
+    pcPath = OrEmpty(pcPath);
+    int fd = OS_FileCreate(rp, la, pcPath, nullptr);
     if (fd == -1) return false;
     OS_FileClose(rp, la, pcPath, fd, nullptr);
     return true;

@@ -370,3 +370,22 @@ TEST(Reset, EmptiesExportsSessionsDescriptorsAndTheFileTable) {
     EXPECT_EQ(0, s.u.GetSessionInfo(&s.quiet, false));
     EXPECT_EQ(0u, s.u.GetFileID(&s.quiet, &la, "/other"));
 }
+
+TEST(Exports, NullArgumentsAreTakenAsEmptyTexts) {
+    Service s;
+    char err[ERROR_TEXT_SIZE] = "";
+    EXPECT_FALSE(s.u.IsMountInfoExists(&s.quiet, &la, nullptr, nullptr, err));
+    EXPECT_TRUE(s.u.AddMountInfo(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_FALSE(s.u.AddMountInfo(nullptr, nullptr, "/elsewhere", nullptr, nullptr, err));
+    EXPECT_STREQ("Export name \"\" already defined", err);
+    EXPECT_FALSE(s.u.UpdateMountClientIpAddrByExportName("x", nullptr, nullptr, nullptr));
+    EXPECT_TRUE(s.u.UpdateMountClientIpAddrByExportName(nullptr, "1.1.1.1", nullptr, nullptr));
+    EXPECT_TRUE(s.u.GetMountInfoByPath(nullptr, nullptr, nullptr, nullptr));  // an empty folder prefixes all
+    EXPECT_FALSE(s.u.IsRemoteAddrExists(nullptr));
+    s.u.AddSessionInfo(nullptr, nullptr);
+    EXPECT_TRUE(s.u.IsSessionExists(""));
+    s.u.RemoveSessionInfoByLocalMountPath(nullptr);
+    EXPECT_FALSE(s.u.IsSessionExists(nullptr));
+    s.u.RemoveMountInfoByLocalMountPath(nullptr, nullptr, nullptr);
+    EXPECT_EQ(0, s.u.GetMountInfo(nullptr, false, false));
+}
