@@ -227,6 +227,8 @@ protected:
     std::recursive_mutex m_hMutexOpenedFileHandles;
 
     // ---- members of the file table, export and session tables ---------------
+    // Lock order: descriptor cache, then export table, then file table; the
+    // session table is taken alone.
     std::unique_ptr<CFileTable> m_pFileTable{new CFileTable};
     std::mutex m_hMutexFileTable;
     std::map<std::string, MountInfo> m_MountInfos;  // by export name
