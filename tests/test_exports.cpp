@@ -15,6 +15,13 @@
 
 namespace {
 
+// Recorded lines as "kind|text".
+std::vector<std::string> Logged(const LogRecorder& log) {
+    std::vector<std::string> lines;
+    for (const auto& line : log.Lines()) lines.push_back(line.kind + "|" + line.text);
+    return lines;
+}
+
 LogArgu la{"NfsMain.AddMountPoint"};
 
 std::string Canonical(const std::string& path) {
@@ -210,7 +217,7 @@ TEST(Exports, PathMatchLogLines) {
         "info|[Nfs3Prog.ProcedureREAD] Path compare: \"" + z + "/f/\" vs \"" + z + "/\"",
         "info|[Nfs3Prog.ProcedureREAD] Path match",
     };
-    EXPECT_EQ(expected, s.log.Lines());
+    EXPECT_EQ(expected, Logged(s.log));
     s.log.Clear();
     EXPECT_FALSE(s.u.GetMountInfoByPath(&s.info, &caller, (a + "x").c_str(), nullptr));
     expected = {
@@ -218,10 +225,10 @@ TEST(Exports, PathMatchLogLines) {
         "info|[Nfs3Prog.ProcedureREAD] Path compare: \"" + a + "x/\" vs \"" + a + "/\"",
         "info|[Nfs3Prog.ProcedureREAD] Path scan: \"" + a + "x/\" vs \"" + z + "\"",
     };
-    EXPECT_EQ(expected, s.log.Lines());  // no line for the failed match
+    EXPECT_EQ(expected, Logged(s.log));  // no line for the failed match
     s.log.Clear();
     s.u.GetMountInfoByPath(&s.quiet, &caller, (z + "/f").c_str(), nullptr);
-    EXPECT_TRUE(s.log.Lines().empty());
+    EXPECT_TRUE(Logged(s.log).empty());
 }
 
 TEST(Exports, AddingLogsTheCanonicalPathLines) {
@@ -238,7 +245,7 @@ TEST(Exports, AddingLogsTheCanonicalPathLines) {
         "info|[NfsMain.AddMountPoint] Fail to get canonical path from non-exist path: " + missing,
         "info|[NfsMain.AddMountPoint] Fail to get canonical path from non-exist path: " + missing,
     };
-    EXPECT_EQ(expected, s.log.Lines());
+    EXPECT_EQ(expected, Logged(s.log));
 }
 
 TEST(Exports, RemovingTheLastExportResetsTheFileTable) {
@@ -306,15 +313,15 @@ TEST(Exports, ListingCountsAndPrintsTheMountedOnes) {
     s.log.Clear();
     EXPECT_EQ(1, s.u.GetMountInfo(&s.quiet, true, true));
     std::vector<std::string> expected = {"raw| Mount 1 - " + dir.Path() + "/b : eb (192.168.1.7) [chanB]"};
-    EXPECT_EQ(expected, s.log.Lines());
+    EXPECT_EQ(expected, Logged(s.log));
     s.log.Clear();
     EXPECT_EQ(2, s.u.GetMountInfo(&s.quiet, false, true));
     expected = {"raw| Mount 1 - " + dir.Path() + "/a : ea () [chanA]",
                 "raw| Mount 2 - " + dir.Path() + "/b : eb (192.168.1.7) [chanB]"};
-    EXPECT_EQ(expected, s.log.Lines());
+    EXPECT_EQ(expected, Logged(s.log));
     s.log.Clear();
     EXPECT_EQ(2, s.u.GetMountInfo(&s.quiet, false, false));
-    EXPECT_TRUE(s.log.Lines().empty());
+    EXPECT_TRUE(Logged(s.log).empty());
 }
 
 TEST(Exports, ListingGoesToTheConsoleWithoutALineEnd) {
@@ -338,7 +345,7 @@ TEST(Sessions, AddOverwriteRemoveAndList) {
     EXPECT_EQ(3, s.u.GetSessionInfo(&s.quiet, true));
     std::vector<std::string> expected = {"raw| Session 1 - s1 : /data/z", "raw| Session 2 - s2 : /data/x",
                                          "raw| Session 3 - s3 : /data/x"};
-    EXPECT_EQ(expected, s.log.Lines());
+    EXPECT_EQ(expected, Logged(s.log));
     s.u.RemoveSessionInfoByLocalMountPath("/data/x/");  // exact text only
     EXPECT_EQ(3, s.u.GetSessionInfo(&s.quiet, false));
     s.u.RemoveSessionInfoByLocalMountPath("/data/x");
