@@ -439,6 +439,426 @@ void CUtilities::SetPathToCompare(std::string& path) {
 
 // ---- file table, export and session tables, file operations ----------------
 
+// -- file IDs and handles --
+
+unsigned int CUtilities::GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path) {
+    if (path == nullptr) return NO_FILE_ID;  // the table has no row for a null path
+    char canonical[PATH_BUFFER_SIZE];
+    GetCanonicalPath(param, argu, canonical, path);
+    std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    if (!m_pFileTable) return NO_FILE_ID;
+    return m_pFileTable->GetIDByPath(canonical);
+}
+
+bool CUtilities::GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* path, unsigned char* handle,
+                               int size) {
+    if (handle == nullptr) return false;
+    if (size > 0) memset(handle, 0, (size_t)size);
+    // Room for the ID and at least one more byte: exactly 4 is refused.
+    if (size < 5) return false;
+    unsigned int id = GetFileID(param, argu, path);
+    memcpy(handle, &id, sizeof id);
+    return id != NO_FILE_ID;
+}
+
+bool CUtilities::GetFilePath(CRuntimeParam*, const unsigned char* handle, char* buffer, int size) {
+    if (handle == nullptr) return false;
+    unsigned int id;
+    memcpy(&id, handle, sizeof id);
+    if (id == NO_FILE_ID) return false;
+    std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    if (!m_pFileTable) return false;
+    return m_pFileTable->GetPathByID(id, buffer, size);
+}
+
+void CUtilities::ResetFileTable() {
+    std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    if (m_pFileTable) m_pFileTable->Clear();
+}
+
+// -- export table --
+
+static const char* OrEmpty(const char* text) { return text ? text : ""; }
+
+bool CUtilities::FindMountConflict(CRuntimeParam* rp, LogArgu* la, const char* localPath, const char* exportName,
+                                   char* err) {
+    if (exportName != nullptr && m_MountInfos.count(exportName) != 0) {
+        if (err) snprintf(err, ERROR_TEXT_SIZE, "Export name \"%s\" already defined", exportName);
+        return true;
+    }
+    if (localPath == nullptr) return false;
+    char canonical[PATH_BUFFER_SIZE];
+    GetCanonicalPath(rp, la, canonical, localPath);
+    for (const auto& row : m_MountInfos) {
+        if (strcmp(row.second.sLocalMountPath.c_str(), canonical) == 0) {
+            if (err) snprintf(err, ERROR_TEXT_SIZE, "Local mount path \"%s\" already defined",
+                              row.second.sLocalMountPath.c_str());
+            return true;
+        }
+    }
+    return false;
+}
+
+bool CUtilities::IsMountInfoExists(CRuntimeParam* rp, LogArgu* la, const char* localPath, const char* exportName,
+                                   char* err) {
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    return FindMountConflict(rp, la, localPath, exportName, err);
+}
+
+bool CUtilities::AddMountInfo(CRuntimeParam* rp, LogArgu* la, const char* localPath, const char* exportName,
+                              const char* ipcId, char* err) {
+    exportName = OrEmpty(exportName);
+    char canonical[PATH_BUFFER_SIZE];
+    GetCanonicalPath(rp, la, canonical, OrEmpty(localPath));
+    // Check and store under one hold of the mutex, so that two concurrent
+    // adds cannot both pass the check.
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    // A name that is both taken and malformed is reported as taken.
+    if (FindMountConflict(rp, la, canonical, exportName, err)) return false;
+    for (const char* c = exportName; *c; ++c) {
+        if (*c == '/' || *c == ' ') {
+            if (err) snprintf(err, ERROR_TEXT_SIZE, "Invalid char \"%c\" inside export name", *c);
+            return false;
+        }
+    }
+    MountInfo& row = m_MountInfos[exportName];
+    row.sLocalMountPath = canonical;
+    row.sExportName = exportName;
+    row.sIcpID = OrEmpty(ipcId);
+    row.sRemoteIpAddr.clear();
+    return true;
+}
+
+void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* rp, LogArgu* la, const char* localPath) {
+    char canonical[PATH_BUFFER_SIZE];
+    GetCanonicalPath(rp, la, canonical, OrEmpty(localPath));
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    for (auto row = m_MountInfos.begin(); row != m_MountInfos.end(); ++row) {
+        if (row->second.sLocalMountPath == canonical) {
+            m_MountInfos.erase(row);
+            break;
+        }
+    }
+    if (m_MountInfos.empty()) ResetFileTable();
+}
+
+void CUtilities::RemoveMountInfoByExportName(const char* exportName) {
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    m_MountInfos.erase(OrEmpty(exportName));
+    if (m_MountInfos.empty()) ResetFileTable();
+}
+
+void CUtilities::RemoveAllMountInfo() {
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    m_MountInfos.clear();
+    ResetFileTable();
+}
+
+bool CUtilities::UpdateMountClientIpAddrByExportName(const char* exportName, const char* addr, MountInfo* out,
+                                                     char* err) {
+    exportName = OrEmpty(exportName);
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    auto row = m_MountInfos.find(exportName);
+    if (row == m_MountInfos.end()) {
+        if (err) snprintf(err, ERROR_TEXT_SIZE, "Undefined export name \"%s\"", exportName);
+        return false;
+    }
+    // One client at a time, even the same one again, until it unmounts.
+    if (addr != nullptr && !row->second.sRemoteIpAddr.empty()) {
+        if (err)
+            snprintf(err, ERROR_TEXT_SIZE, "This mount point \"%s\" already mounted by %s", exportName,
+                     row->second.sRemoteIpAddr.c_str());
+        return false;
+    }
+    row->second.sRemoteIpAddr = OrEmpty(addr);
+    if (out) *out = row->second;
+    return true;
+}
+
+bool CUtilities::GetMountInfoByPath(CRuntimeParam* rp, LogArgu* la, const char* path, MountInfo* out) {
+    std::string working = OrEmpty(path);
+    SetPathToCompare(working);
+    bool logInfo = rp && rp->IsLogGeneralInfo();
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    // The first export in name order wins, not the longest match.
+    for (const auto& row : m_MountInfos) {
+        const std::string& local = row.second.sLocalMountPath;
+        if (logInfo)
+            LogInfo(rp, "[%s] Path scan: \"%s\" vs \"%s\"", NameOf(la), working.c_str(), local.c_str());
+        if (working.compare(0, local.size(), local) != 0) continue;
+        std::string slashed = local;
+        SetPathToCompare(slashed);
+        if (logInfo)
+            LogInfo(rp, "[%s] Path compare: \"%s\" vs \"%s\"", NameOf(la), working.c_str(), slashed.c_str());
+        if (working.compare(0, slashed.size(), slashed) != 0) continue;
+        if (logInfo) LogInfo(rp, "[%s] Path match", NameOf(la));
+        if (out) *out = row.second;
+        return true;
+    }
+    return false;
+}
+
+bool CUtilities::IsRemoteAddrExists(const char* addr) {
+    addr = OrEmpty(addr);
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    for (const auto& row : m_MountInfos) {
+        if (row.second.sRemoteIpAddr == addr) return true;
+    }
+    return false;
+}
+
+int CUtilities::GetMountInfo(CRuntimeParam* rp, bool bClientMountedOnly, bool bPrintDetails) {
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    int count = 0;
+    for (const auto& entry : m_MountInfos) {
+        const MountInfo& row = entry.second;
+        if (bClientMountedOnly && row.sRemoteIpAddr.empty()) continue;
+        ++count;
+        if (bPrintDetails)
+            LogRaw(rp, " Mount %d - %s : %s (%s) [%s]", count, row.sLocalMountPath.c_str(), row.sExportName.c_str(),
+                   row.sRemoteIpAddr.c_str(), row.sIcpID.c_str());
+    }
+    return count;
+}
+
+// -- session table --
+
+void CUtilities::AddSessionInfo(const char* sessionId, const char* localPath) {
+    std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    SessionInfo& row = m_SessionInfos[OrEmpty(sessionId)];
+    row.sSessionID = OrEmpty(sessionId);
+    row.sLocalMountPath = OrEmpty(localPath);
+}
+
+void CUtilities::RemoveSessionInfo(const char* sessionId) {
+    std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    m_SessionInfos.erase(OrEmpty(sessionId));
+}
+
+void CUtilities::RemoveSessionInfoByLocalMountPath(const char* localPath) {
+    localPath = OrEmpty(localPath);
+    std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    for (auto row = m_SessionInfos.begin(); row != m_SessionInfos.end();) {
+        if (row->second.sLocalMountPath == localPath)
+            row = m_SessionInfos.erase(row);
+        else
+            ++row;
+    }
+}
+
+void CUtilities::RemoveAllSessionInfo() {
+    std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    m_SessionInfos.clear();
+}
+
+bool CUtilities::IsSessionExists(const char* sessionId) {
+    std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    return m_SessionInfos.count(OrEmpty(sessionId)) != 0;
+}
+
+int CUtilities::GetSessionInfo(CRuntimeParam* rp, bool bPrintDetails) {
+    std::lock_guard<std::mutex> lock(m_hMutexSessionInfos);
+    int count = 0;
+    for (const auto& entry : m_SessionInfos) {
+        ++count;
+        if (bPrintDetails)
+            LogRaw(rp, " Session %d - %s : %s", count, entry.second.sSessionID.c_str(),
+                   entry.second.sLocalMountPath.c_str());
+    }
+    return count;
+}
+
+void CUtilities::Reset(CRuntimeParam* rp, LogArgu* la) {
+    RemoveAllMountInfo();  // also resets the file table
+    RemoveAllSessionInfo();
+    CloseAllCachedFileHandles(rp, la);
+    // Redirected files are closed here (CloseAllRedirectedFiles) once their registry exists.
+    // Net-device credentials are removed here (RemoveAllNetDeviceCredential) once they exist.
+}
+
+// -- descriptor cache --
+
+// Last-access key: whole seconds in 16 digits, then the descriptor. Rows
+// whose open failed all carry -1, so a key already taken within the same
+// second gets "#n" added; '#' sorts below every digit and '-', so the order
+// by (second, descriptor text) is kept.
+std::string CUtilities::NewTimeKey(int fd) {
+    char base[48];
+    snprintf(base, sizeof base, "%016llu%d", (unsigned long long)time(nullptr), fd);
+    std::string key = base;
+    for (unsigned n = 1; m_OpenedFileLastAccessList.count(key) != 0; ++n)
+        key = std::string(base) + "#" + std::to_string(n);
+    return key;
+}
+
+void CUtilities::CloseCachedRow(CRuntimeParam* rp, LogArgu* la,
+                                std::map<std::string, OpenedFileInfo>::iterator row) {
+    m_OpenedFileLastAccessList.erase(row->second.sTimeKey);
+    if (row->second.iFile != -1) OS_FileClose(rp, la, row->second.sPath.c_str(), row->second.iFile, nullptr);
+    m_OpenedFileHandles.erase(row);
+}
+
+int CUtilities::GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* pcPath, bool bAlwaysReadWrite) {
+    if (pcPath == nullptr || *pcPath == '\0') return -1;
+    std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    OpenedFileInfo copy;
+    auto found = m_OpenedFileHandles.find(pcPath);
+    if (found != m_OpenedFileHandles.end()) copy = found->second;
+    if (copy.iFile == -1) {
+        if (m_OpenedFileHandles.size() > 1023) CloseExceededCachedFileHandle(rp, la);
+        bool readWrite = bAlwaysReadWrite || GetMountInfoByPath(rp, la, pcPath, nullptr);
+        if (rp && rp->IsLogFileAccess())
+            LogInfo(rp, "[%s] open %s mode %s", NameOf(la), readWrite ? "read/write" : "read only", pcPath);
+        copy.iFile = OS_FileOpen(rp, la, pcPath, readWrite ? O_RDWR : O_RDONLY, true, nullptr);
+        copy.sPath = pcPath;
+    }
+    // Refresh the last access; a failed open stays as a row with -1 so that
+    // the next access retries it. Thinning may have dropped the old entry.
+    auto old = m_OpenedFileLastAccessList.find(copy.sTimeKey);
+    if (old != m_OpenedFileLastAccessList.end() && old->second == pcPath) m_OpenedFileLastAccessList.erase(old);
+    copy.sTimeKey = NewTimeKey(copy.iFile);
+    m_OpenedFileLastAccessList[copy.sTimeKey] = pcPath;
+    m_OpenedFileHandles[pcPath] = copy;
+    return copy.iFile;
+}
+
+void CUtilities::CloseCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
+    if (pcPath == nullptr || *pcPath == '\0') return;
+    std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    auto row = m_OpenedFileHandles.find(pcPath);
+    if (row != m_OpenedFileHandles.end()) CloseCachedRow(rp, la, row);
+}
+
+void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
+    if (pcPath == nullptr || *pcPath == '\0') return;
+    std::string given = pcPath;
+    SetPathToCompare(given);
+    bool logInfo = rp && rp->IsLogGeneralInfo();
+    std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    for (auto row = m_OpenedFileHandles.begin(); row != m_OpenedFileHandles.end();) {
+        std::string rowPath = row->first;
+        SetPathToCompare(rowPath);
+        if (logInfo)
+            LogInfo(rp, "[CloseAllCachedFileHandles] Path compare: \"%s\" vs \"%s\"", given.c_str(), rowPath.c_str());
+        if (rowPath.compare(0, given.size(), given) == 0) {
+            CloseCachedRow(rp, la, row);
+            row = m_OpenedFileHandles.begin();  // the walk restarts after each close
+        } else {
+            ++row;
+        }
+    }
+}
+
+void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* rp, LogArgu* la) {
+    std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+    for (auto& row : m_OpenedFileHandles) {
+        if (row.second.iFile != -1) OS_FileClose(rp, la, row.second.sPath.c_str(), row.second.iFile, nullptr);
+    }
+    m_OpenedFileHandles.clear();
+    m_OpenedFileLastAccessList.clear();
+}
+
+// -- file operations --
+
+int CUtilities::ReadFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek,
+                         int iSeekType, void* pvBuf, unsigned int iLen, bool* pbEof) {
+    if (rp && rp->IsLogFileAccess())
+        LogInfo(rp, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", NameOf(la), OrEmpty(pcPath),
+                iSeek, iSeekType, iLen);
+    bool eofSink;
+    if (pbEof == nullptr) pbEof = &eofSink;
+    *pbEof = true;
+    // A registered redirected file is read from its segments here.
+    int fd = GetCachedFileHandle(rp, la, pcPath, false);
+    if (fd == -1) return -1;
+    OS_FileSeek(rp, la, fd, (long long)iSeek, iSeekType, nullptr);
+    int count = OS_FileRead(rp, la, fd, pvBuf, iLen, nullptr);
+    long long position = OS_FileTell(rp, la, fd, nullptr);
+    long long size = OS_FileSeek(rp, la, fd, 0, SEEK_END, nullptr);
+    *pbEof = position >= size;
+    return count;
+}
+
+int CUtilities::WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek,
+                          int iSeekType, const void* pvBuf, unsigned int iLen) {
+    if (rp && rp->IsLogFileAccess())
+        LogInfo(rp, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", NameOf(la), OrEmpty(pcPath),
+                iSeek, iSeekType, iLen);
+    // A registered redirected file reports the write to the controller here.
+    int fd = GetCachedFileHandle(rp, la, pcPath, false);
+    if (fd == -1) return -1;
+    OS_FileSeek(rp, la, fd, (long long)iSeek, iSeekType, nullptr);
+    return OS_FileWrite(rp, la, fd, pvBuf, iLen, nullptr);
+}
+
+long long CUtilities::GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pcPath, long long iSize) {
+    // A registered redirected file answers its declared size here.
+    int fd = GetCachedFileHandle(rp, la, pcPath, false);
+    if (fd == -1) return iSize;
+    long long size = OS_FileSeek(rp, la, fd, 0, SEEK_END, nullptr);
+    return size == -1 ? iSize : size;
+}
+
+bool CUtilities::NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
+    pcPath = OrEmpty(pcPath);
+    int fd = OS_FileCreate(rp, la, pcPath, nullptr);
+    if (fd == -1) return false;
+    OS_FileClose(rp, la, pcPath, fd, nullptr);
+    return true;
+}
+
+bool CUtilities::RemoveFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
+    pcPath = OrEmpty(pcPath);
+    if (rp && rp->IsLogFileAccess()) LogInfo(rp, "[%s] Remove file, path=%s", NameOf(la), pcPath);
+    CloseCachedFileHandle(rp, la, pcPath);
+    if (OS_FileRemove(rp, la, pcPath, nullptr) == -1) return false;
+    // A registered redirected file is closed and its removal reported here.
+    return true;
+}
+
+bool CUtilities::RenameFile(CRuntimeParam* rp, LogArgu* la, const char* pathFrom, const char* pathTo) {
+    pathFrom = OrEmpty(pathFrom);
+    pathTo = OrEmpty(pathTo);
+    if (rp && rp->IsLogFileAccess())
+        LogInfo(rp, "[%s] Rename file, pathFrom=%s, pathTo=%s", NameOf(la), pathFrom, pathTo);
+    if (OS_IsFileExists(pathTo, nullptr) && !RemoveFile(rp, la, pathTo)) return false;
+    if (OS_IsFileExists(pathFrom, nullptr)) {
+        CloseCachedFileHandle(rp, la, pathFrom);
+        if (OS_FileRename(rp, la, pathFrom, pathTo, nullptr) == -1) return false;
+    }
+    // A registered redirected file moves in the registry and the rename is reported here.
+    // The file ID, and with it the client's handle, follows the file.
+    std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    if (!m_pFileTable) return true;
+    return m_pFileTable->UpdateItemPath(pathFrom, pathTo);
+}
+
+bool CUtilities::UpdateFileAttributes(CRuntimeParam* rp, LogArgu* la, const char* pcPath, bool bMode,
+                                      unsigned int iMode, bool bUid, unsigned int iUid, bool bGid,
+                                      unsigned int iGid, bool bSize, unsigned long long lSize, bool bAccessTime,
+                                      unsigned int lAccessTimeSec, unsigned int lAccessTimeNanoSec,
+                                      bool bLastModifiedTime, unsigned int lLastModifiedTimeSec,
+                                      unsigned int lLastModifiedTimeNanoSec) {
+    pcPath = OrEmpty(pcPath);
+    if (rp && rp->IsLogFileAccess())
+        LogInfo(rp,
+                "[%s] Update file attributes, path=%s, set_mode=%d, mode=%u, set_uid=%d, uid=%u, set_gid=%d, "
+                "gid=%u, set_size=%d, size=%llu, set_atime=%d, atime.sec=%u, atime.nsec=%u, set_mtime=%d, "
+                "mtime.sec=%u, mtime.nsec=%u",
+                NameOf(la), pcPath, bMode ? 1 : 0, iMode, bUid ? 1 : 0, iUid, bGid ? 1 : 0, iGid, bSize ? 1 : 0,
+                lSize, bAccessTime ? 1 : 0, lAccessTimeSec, lAccessTimeNanoSec, bLastModifiedTime ? 1 : 0,
+                lLastModifiedTimeSec, lLastModifiedTimeNanoSec);
+    if (!bMode && !bUid && !bGid && !bSize && !bAccessTime && !bLastModifiedTime) return true;
+    // A registered redirected file reports size and times to the controller here.
+    if (bMode || bSize) CloseCachedFileHandle(rp, la, pcPath);
+    if (bMode) {
+        // A failed mode change skips the size.
+        if (OS_SetFileMode(rp, la, pcPath, (int)iMode, nullptr) == -1) return false;
+    }
+    if (bSize) return OS_SetFileSize(rp, la, pcPath, lSize, nullptr);
+    return true;
+}
+
 // ---- platform tests, system commands, vSphere records ----------------------
 
 #include <algorithm>

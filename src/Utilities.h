@@ -6,10 +6,12 @@
 #include <cstdarg>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "FileTable.h"
 #include "ICallback.h"
 #include "RuntimeParam.h"
 
@@ -27,6 +29,20 @@ struct OpenedFileInfo {
     int iFile = -1;
     std::string sTimeKey;
     std::string sPath;
+};
+
+// One export: a local folder offered to clients under a name.
+struct MountInfo {
+    std::string sLocalMountPath;  // canonical; no trailing slash unless the root
+    std::string sExportName;      // the key of the export table
+    std::string sIcpID;           // IPC ID of the controller that defined it
+    std::string sRemoteIpAddr;    // the client that mounted it; empty when none
+};
+
+// One backup session announced by the controller.
+struct SessionInfo {
+    std::string sSessionID;
+    std::string sLocalMountPath;  // as given, not canonicalised
 };
 
 // The file service: log routing, OS file primitives, and the tables the
@@ -136,6 +152,67 @@ public:
     static void SetPathToCompare(std::string& path);
 
     // ---- file table, export and session tables, file operations ------------
+    // File IDs and handles. GetFileID canonicalises path first; NO_FILE_ID
+    // when there is no table. GetFileHandle zero-fills size bytes of handle
+    // and stores the ID in bytes 0..3 (size must be at least 5).
+    // GetFilePath reads the ID from bytes 0..3 of handle.
+    unsigned int GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path);
+    bool GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* path, unsigned char* handle, int size);
+    bool GetFilePath(CRuntimeParam* param, const unsigned char* handle, char* buffer, int size);
+    void ResetFileTable();
+
+    // Export table. Error texts are written into err (ERROR_TEXT_SIZE bytes)
+    // when err is not null. Removing the last export resets the file table.
+    bool AddMountInfo(CRuntimeParam* rp, LogArgu* la, const char* localPath, const char* exportName,
+                      const char* ipcId, char* err);
+    bool IsMountInfoExists(CRuntimeParam* rp, LogArgu* la, const char* localPath, const char* exportName,
+                           char* err);
+    void RemoveMountInfoByLocalMountPath(CRuntimeParam* rp, LogArgu* la, const char* localPath);
+    void RemoveMountInfoByExportName(const char* exportName);
+    void RemoveAllMountInfo();
+    // addr given: mount (refused while someone holds the export); null: unmount.
+    bool UpdateMountClientIpAddrByExportName(const char* exportName, const char* addr, MountInfo* out, char* err);
+    // The first export (in export-name order) that holds path.
+    bool GetMountInfoByPath(CRuntimeParam* rp, LogArgu* la, const char* path, MountInfo* out);
+    bool IsRemoteAddrExists(const char* addr);
+    int GetMountInfo(CRuntimeParam* rp, bool bClientMountedOnly, bool bPrintDetails);
+
+    // Session table.
+    void AddSessionInfo(const char* sessionId, const char* localPath);
+    void RemoveSessionInfo(const char* sessionId);
+    void RemoveSessionInfoByLocalMountPath(const char* localPath);
+    void RemoveAllSessionInfo();
+    bool IsSessionExists(const char* sessionId);
+    int GetSessionInfo(CRuntimeParam* rp, bool bPrintDetails);
+
+    // Empties every table of the file service (server stop).
+    void Reset(CRuntimeParam* rp, LogArgu* la);
+
+    // Descriptor cache. GetCachedFileHandle opens read-write when asked to or
+    // when the path lies in an export, else read-only; -1 when the open fails.
+    int GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* pcPath, bool bAlwaysReadWrite);
+    void CloseCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* pcPath);
+    // Closes the file or folder pcPath and everything beneath it.
+    void CloseAllCachedFileHandles(CRuntimeParam* rp, LogArgu* la, const char* pcPath);
+    void CloseAllCachedFileHandles(CRuntimeParam* rp, LogArgu* la);
+
+    // File operations by path; iSeekType is the lseek origin.
+    int ReadFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek, int iSeekType,
+                 void* pvBuf, unsigned int iLen, bool* pbEof);
+    int WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek, int iSeekType,
+                  const void* pvBuf, unsigned int iLen);
+    // iSize is returned when the size cannot be found.
+    long long GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pcPath, long long iSize);
+    bool NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath);
+    bool RemoveFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath);
+    bool RenameFile(CRuntimeParam* rp, LogArgu* la, const char* pathFrom, const char* pathTo);
+    // Only mode and size are applied to local files; owner, group and times
+    // are logged only.
+    bool UpdateFileAttributes(CRuntimeParam* rp, LogArgu* la, const char* pcPath, bool bMode, unsigned int iMode,
+                              bool bUid, unsigned int iUid, bool bGid, unsigned int iGid, bool bSize,
+                              unsigned long long lSize, bool bAccessTime, unsigned int lAccessTimeSec,
+                              unsigned int lAccessTimeNanoSec, bool bLastModifiedTime,
+                              unsigned int lLastModifiedTimeSec, unsigned int lLastModifiedTimeNanoSec);
 
     // ---- platform tests, system commands, vSphere records -------------------
     // Checks that the file system under pcDirPath supports what the server
@@ -190,6 +267,21 @@ protected:
     std::recursive_mutex m_hMutexOpenedFileHandles;
 
     // ---- members of the file table, export and session tables ---------------
+    // Lock order: descriptor cache, then export table, then file table; the
+    // session table is taken alone.
+    std::unique_ptr<CFileTable> m_pFileTable{new CFileTable};
+    std::mutex m_hMutexFileTable;
+    std::map<std::string, MountInfo> m_MountInfos;  // by export name
+    std::mutex m_hMutexMountInfos;
+    std::map<std::string, SessionInfo> m_SessionInfos;  // by session ID
+    std::mutex m_hMutexSessionInfos;
+
+    // Unlocked parts shared by the export operations (mount mutex held).
+    bool FindMountConflict(CRuntimeParam* rp, LogArgu* la, const char* localPath, const char* exportName,
+                           char* err);
+    // Descriptor cache helpers (cache mutex held).
+    std::string NewTimeKey(int fd);
+    void CloseCachedRow(CRuntimeParam* rp, LogArgu* la, std::map<std::string, OpenedFileInfo>::iterator row);
 
     // ---- members of the platform tests, system commands, vSphere records ----
     // Steps of the platform test; each logs its lines of the report.
