@@ -1,6 +1,5 @@
 #include "RedirectedFile.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -135,8 +134,6 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
     for (const std::string& source : m_vSource) CloseFileHandle(pRuntimeParam, &la, source);
     std::vector<std::string>().swap(m_vSource);
     m_mSourceIndex.clear();
-    // Export targets were opened by this file alone.
-    while (!m_mFileHandles.empty()) CloseFileHandle(pRuntimeParam, &la, m_mFileHandles.begin()->first);
 }
 
 // ---- segments ----------------------------------------------------------------
@@ -571,22 +568,9 @@ long long CRedirectedFile::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pL
 
 int CRedirectedFile::GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
                                    bool bAlwaysReadWrite) {
-    if (sPath.empty()) return -1;
-    auto found = m_mFileHandles.find(sPath);
-    if (found != m_mFileHandles.end()) return found->second;
-    // Read-write when forced or when this process may write the file (the
-    // export targets), read-only otherwise. A failed open is not kept, so
-    // the next access tries again.
-    bool readWrite = bAlwaysReadWrite || access(sPath.c_str(), W_OK) == 0;
-    int fd = m_pUtilities->OS_FileOpen(pRuntimeParam, pLogArgu, sPath.c_str(), readWrite ? O_RDWR : O_RDONLY, true,
-                                       nullptr);
-    if (fd != -1) m_mFileHandles.emplace(sPath, fd);
-    return fd;
+    return m_pUtilities->GetCachedFileHandle(pRuntimeParam, pLogArgu, sPath.c_str(), bAlwaysReadWrite);
 }
 
 void CRedirectedFile::CloseFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath) {
-    auto found = m_mFileHandles.find(sPath);
-    if (found == m_mFileHandles.end()) return;
-    m_pUtilities->OS_FileClose(pRuntimeParam, pLogArgu, sPath.c_str(), found->second, nullptr);
-    m_mFileHandles.erase(found);
+    m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, sPath.c_str());
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <map>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -90,10 +89,8 @@ private:
     long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd);
 
     // The descriptors this file reads and writes (info file, sources, export
-    // targets), kept open by path so that consecutive reads of one source do
-    // not reopen it. Every access seeks first. Kept by this object for now;
-    // the file service's shared descriptor cache (GetCachedFileHandle,
-    // CloseCachedFileHandle) takes the place of these two once it exists.
+    // targets) come from the file service's shared cache, so that consecutive
+    // reads of one source do not reopen it. Every access seeks first.
     int GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
                       bool bAlwaysReadWrite);
     void CloseFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath);
@@ -113,6 +110,5 @@ private:
     // Index of each path in m_vSource, so that adding a segment does not
     // search the whole list.
     std::unordered_map<std::string, int> m_mSourceIndex;
-    std::map<std::string, int> m_mFileHandles;
     long long m_iInfoFileRecordsRead = 0;
 };

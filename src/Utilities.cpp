@@ -29,6 +29,8 @@ void CopyText(char* dst, const char* src, size_t size) {
 CUtilities::CUtilities() = default;
 
 CUtilities::~CUtilities() {
+    // The files close their descriptors through the cache: first them.
+    CloseAllRedirectedFiles(nullptr);
     std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     for (auto& row : m_OpenedFileHandles) {
         if (row.second.iFile != -1) close(row.second.iFile);
@@ -672,7 +674,7 @@ void CUtilities::Reset(CRuntimeParam* rp, LogArgu* la) {
     RemoveAllMountInfo();  // also resets the file table
     RemoveAllSessionInfo();
     CloseAllCachedFileHandles(rp, la);
-    // Redirected files are closed here (CloseAllRedirectedFiles) once their registry exists.
+    CloseAllRedirectedFiles(rp);
     // Net-device credentials are removed here (RemoveAllNetDeviceCredential) once they exist.
 }
 
@@ -768,7 +770,11 @@ int CUtilities::ReadFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, uns
     bool eofSink;
     if (pbEof == nullptr) pbEof = &eofSink;
     *pbEof = true;
-    // A registered redirected file is read from its segments here.
+    if (CRedirectedFile* redirected = GetRedirectedFile(pcPath)) {
+        // Assembled from its segments; the seek origin does not apply.
+        if (pvBuf == nullptr && iLen > 0) return -1;
+        return redirected->Read(rp, (long long)iSeek, static_cast<char*>(pvBuf), iLen, pbEof);
+    }
     int fd = GetCachedFileHandle(rp, la, pcPath, false);
     if (fd == -1) return -1;
     OS_FileSeek(rp, la, fd, (long long)iSeek, iSeekType, nullptr);
@@ -784,7 +790,9 @@ int CUtilities::WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, un
     if (rp && rp->IsLogFileAccess())
         LogInfo(rp, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", NameOf(la), OrEmpty(pcPath),
                 iSeek, iSeekType, iLen);
-    // A registered redirected file reports the write to the controller here.
+    // Nothing is written to a redirected file: the controller is told where
+    // and how much, and its answer is the count.
+    if (GetRedirectedFile(pcPath)) return LogWriteRedirectedFile(rp, pcPath, iSeek, iSeekType, iLen);
     int fd = GetCachedFileHandle(rp, la, pcPath, false);
     if (fd == -1) return -1;
     OS_FileSeek(rp, la, fd, (long long)iSeek, iSeekType, nullptr);
@@ -792,7 +800,7 @@ int CUtilities::WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, un
 }
 
 long long CUtilities::GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pcPath, long long iSize) {
-    // A registered redirected file answers its declared size here.
+    if (CRedirectedFile* redirected = GetRedirectedFile(pcPath)) return redirected->GetFileSize();
     int fd = GetCachedFileHandle(rp, la, pcPath, false);
     if (fd == -1) return iSize;
     long long size = OS_FileSeek(rp, la, fd, 0, SEEK_END, nullptr);
@@ -812,8 +820,9 @@ bool CUtilities::RemoveFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath) 
     if (rp && rp->IsLogFileAccess()) LogInfo(rp, "[%s] Remove file, path=%s", NameOf(la), pcPath);
     CloseCachedFileHandle(rp, la, pcPath);
     if (OS_FileRemove(rp, la, pcPath, nullptr) == -1) return false;
-    // A registered redirected file is closed and its removal reported here.
-    return true;
+    if (!GetRedirectedFile(pcPath)) return true;
+    CloseRedirectedFile(rp, pcPath);
+    return LogRemoveRedirectedFile(rp, pcPath) == 0;
 }
 
 bool CUtilities::RenameFile(CRuntimeParam* rp, LogArgu* la, const char* pathFrom, const char* pathTo) {
@@ -826,7 +835,10 @@ bool CUtilities::RenameFile(CRuntimeParam* rp, LogArgu* la, const char* pathFrom
         CloseCachedFileHandle(rp, la, pathFrom);
         if (OS_FileRename(rp, la, pathFrom, pathTo, nullptr) == -1) return false;
     }
-    // A registered redirected file moves in the registry and the rename is reported here.
+    if (GetRedirectedFile(pathFrom)) {
+        RenameRedirectedFile(rp, pathFrom, pathTo);
+        if (LogRenameRedirectedFile(rp, pathFrom, pathTo) != 0) return false;
+    }
     // The file ID, and with it the client's handle, follows the file.
     std::lock_guard<std::mutex> lock(m_hMutexFileTable);
     if (!m_pFileTable) return true;
@@ -849,7 +861,11 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* rp, LogArgu* la, const char
                 lSize, bAccessTime ? 1 : 0, lAccessTimeSec, lAccessTimeNanoSec, bLastModifiedTime ? 1 : 0,
                 lLastModifiedTimeSec, lLastModifiedTimeNanoSec);
     if (!bMode && !bUid && !bGid && !bSize && !bAccessTime && !bLastModifiedTime) return true;
-    // A registered redirected file reports size and times to the controller here.
+    // A redirected file changes nothing locally: size and times go to the
+    // controller, mode, owner, group and nanoseconds are dropped.
+    if (GetRedirectedFile(pcPath))
+        return LogUpdateRedirectedFileAttributes(rp, pcPath, bSize, lSize, bAccessTime, lAccessTimeSec,
+                                                 bLastModifiedTime, lLastModifiedTimeSec) == 0;
     if (bMode || bSize) CloseCachedFileHandle(rp, la, pcPath);
     if (bMode) {
         // A failed mode change skips the size.
@@ -857,6 +873,115 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* rp, LogArgu* la, const char
     }
     if (bSize) return OS_SetFileSize(rp, la, pcPath, lSize, nullptr);
     return true;
+}
+
+// ---- redirected-file registry ------------------------------------------------
+
+CRedirectedFile* CUtilities::OpenRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iSize,
+                                                bool bCreateInfoFile, int iInfoFileSegmentSizeMB,
+                                                int iInfoFileCheckPointSizeMB) {
+    if (pcPath == nullptr) return nullptr;
+    // Before taking the mutex, which is not recursive.
+    CloseRedirectedFile(pRuntimeParam, pcPath);
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto file = std::make_unique<CRedirectedFile>(this);
+    // IDs count the files registered now, so they can repeat after closes.
+    file->Open(pRuntimeParam, iSize, (int)m_mRedirectedFiles.size(), bCreateInfoFile ? pcPath : nullptr,
+               iInfoFileSegmentSizeMB, iInfoFileCheckPointSizeMB);
+    std::unique_ptr<CRedirectedFile>& slot = m_mRedirectedFiles[pcPath];
+    // Another thread may have opened the path in between: it is replaced.
+    if (slot) slot->Close(pRuntimeParam);
+    slot = std::move(file);
+    return slot.get();
+}
+
+void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    if (pcPath == nullptr) return;
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto entry = m_mRedirectedFiles.find(pcPath);
+    if (entry == m_mRedirectedFiles.end()) return;
+    entry->second->Close(pRuntimeParam);
+    m_mRedirectedFiles.erase(entry);
+}
+
+void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    if (pcPath == nullptr) return;
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    if (m_mRedirectedFiles.empty()) return;
+    std::string given = pcPath;
+    SetPathToCompare(given);
+    bool logInfo = pRuntimeParam && pRuntimeParam->IsLogGeneralInfo();
+    for (auto entry = m_mRedirectedFiles.begin(); entry != m_mRedirectedFiles.end();) {
+        std::string entryPath = entry->first;
+        SetPathToCompare(entryPath);
+        if (logInfo)
+            LogInfo(pRuntimeParam, "[CloseAllRedirectedFiles] Path compare: \"%s\" vs \"%s\"", given.c_str(),
+                    entryPath.c_str());
+        // Slashed on both sides: the folder /e/v holds /e/v/a, not /e/vm/a.
+        if (entryPath.compare(0, given.size(), given) == 0) {
+            entry->second->Close(pRuntimeParam);
+            m_mRedirectedFiles.erase(entry);
+            entry = m_mRedirectedFiles.begin();  // the walk restarts after each close
+        } else {
+            ++entry;
+        }
+    }
+}
+
+void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    for (auto& entry : m_mRedirectedFiles) entry.second->Close(pRuntimeParam);
+    m_mRedirectedFiles.clear();
+}
+
+bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                          const char* pcSourcePath, long long iSrcFileOffset, long long iOffset,
+                                          long long iLength, char* pcStatus) {
+    if (pcPath == nullptr) return false;
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto entry = m_mRedirectedFiles.find(pcPath);
+    if (entry == m_mRedirectedFiles.end()) return false;
+    return entry->second->AddSegment(pRuntimeParam, pcSourcePath, iSrcFileOffset, iOffset, iLength, pcStatus);
+}
+
+void CUtilities::ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath) {
+    if (pcPath == nullptr) return;
+    // Held for the whole export.
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto entry = m_mRedirectedFiles.find(pcPath);
+    if (entry != m_mRedirectedFiles.end()) entry->second->Export(pRuntimeParam, pcExportPath);
+}
+
+void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                          const char* pcExportPath, bool bMergeRange) {
+    if (pcPath == nullptr) return;
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto entry = m_mRedirectedFiles.find(pcPath);
+    if (entry != m_mRedirectedFiles.end()) entry->second->ExportInfo(pRuntimeParam, pcExportPath, bMergeRange);
+}
+
+void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pathFrom, const char* pathTo) {
+    if (pathFrom == nullptr || pathTo == nullptr) return;
+    // Before taking the mutex, which is not recursive.
+    CloseRedirectedFile(pRuntimeParam, pathTo);
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto moved = m_mRedirectedFiles.extract(pathFrom);
+    if (moved.empty()) return;
+    // Another thread may have opened pathTo in between: it is replaced.
+    auto taken = m_mRedirectedFiles.find(pathTo);
+    if (taken != m_mRedirectedFiles.end()) {
+        taken->second->Close(pRuntimeParam);
+        m_mRedirectedFiles.erase(taken);
+    }
+    moved.key() = pathTo;
+    m_mRedirectedFiles.insert(std::move(moved));
+}
+
+CRedirectedFile* CUtilities::GetRedirectedFile(const char* pcPath) {
+    if (pcPath == nullptr) return nullptr;
+    std::lock_guard<std::mutex> lock(m_hMutexRedirectedFiles);
+    auto entry = m_mRedirectedFiles.find(pcPath);
+    return entry == m_mRedirectedFiles.end() ? nullptr : entry->second.get();
 }
 
 // ---- platform tests, system commands, vSphere records ----------------------

@@ -13,6 +13,7 @@
 
 #include "FileTable.h"
 #include "ICallback.h"
+#include "RedirectedFile.h"
 #include "RuntimeParam.h"
 
 class CFileLogger;
@@ -214,6 +215,35 @@ public:
                               unsigned int lAccessTimeNanoSec, bool bLastModifiedTime,
                               unsigned int lLastModifiedTimeSec, unsigned int lLastModifiedTimeNanoSec);
 
+    // ---- redirected files ---------------------------------------------------
+    // The registry of open redirected files, by their path in the exported
+    // tree. It owns the files; a returned pointer is borrowed and stays valid
+    // until the path is closed (the controller closes a file only when no
+    // client reads it). Unknown and null paths are ignored.
+
+    // Replaces any file registered under pcPath with a new one of iSize
+    // bytes, whose ID is the number of files registered at that moment. With
+    // bCreateInfoFile its segments go to the local file pcPath itself (which
+    // must exist when segments are added), else they stay in memory. Sizes
+    // in MiB; zero or negative keeps 32 and 1024.
+    CRedirectedFile* OpenRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iSize,
+                                        bool bCreateInfoFile, int iInfoFileSegmentSizeMB,
+                                        int iInfoFileCheckPointSizeMB);
+    void CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    // Closes the file pcPath, or every file beneath the folder pcPath.
+    void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam);
+    // The file's AddSegment; false for an unknown path (pcStatus untouched).
+    bool AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcSourcePath,
+                                  long long iSrcFileOffset, long long iOffset, long long iLength, char* pcStatus);
+    void ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath);
+    void ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath,
+                                  bool bMergeRange);
+    // Closes any file registered under pathTo, then registers the file of
+    // pathFrom under pathTo. Its info file keeps the name pathFrom.
+    void RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pathFrom, const char* pathTo);
+    CRedirectedFile* GetRedirectedFile(const char* pcPath);
+
     // ---- platform tests, system commands, vSphere records -------------------
     // Checks that the file system under pcDirPath supports what the server
     // needs: creates "<pcDirPath>/_test", a file of iFileSize bytes in it,
@@ -282,6 +312,13 @@ protected:
     // Descriptor cache helpers (cache mutex held).
     std::string NewTimeKey(int fd);
     void CloseCachedRow(CRuntimeParam* rp, LogArgu* la, std::map<std::string, OpenedFileInfo>::iterator row);
+
+    // ---- members of the redirected-file registry -----------------------------
+    // Lock order: registry, then the descriptor cache and the tables after it
+    // (the files open their descriptors through the cache). Reads through a
+    // borrowed file run without the registry mutex.
+    std::map<std::string, std::unique_ptr<CRedirectedFile>> m_mRedirectedFiles;
+    std::mutex m_hMutexRedirectedFiles;
 
     // ---- members of the platform tests, system commands, vSphere records ----
     // Steps of the platform test; each logs its lines of the report.
