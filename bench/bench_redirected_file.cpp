@@ -110,6 +110,9 @@ std::unique_ptr<CRedirectedFile> NewFile() {
 
 // Built once per segment count and shared by the read benchmarks.
 CRedirectedFile& BuiltFile(long long n) {
+    // The files close their descriptors through the file service when they
+    // go at exit: the service must be built first so that it goes last.
+    Utilities();
     static std::map<long long, std::unique_ptr<CRedirectedFile>> files;
     auto& file = files[n];
     if (!file) {
