@@ -1,6 +1,5 @@
 #include "RedirectedFile.h"
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
