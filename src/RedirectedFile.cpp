@@ -1,6 +1,5 @@
 #include "RedirectedFile.h"
 
-
 #include <algorithm>
 #include <climits>
 #include <cstdarg>
