@@ -675,7 +675,7 @@ void CUtilities::Reset(CRuntimeParam* rp, LogArgu* la) {
     RemoveAllSessionInfo();
     CloseAllCachedFileHandles(rp, la);
     CloseAllRedirectedFiles(rp);
-    // Net-device credentials are removed here (RemoveAllNetDeviceCredential) once they exist.
+    RemoveAllNetDeviceCredential(rp);
 }
 
 // -- descriptor cache --

@@ -266,6 +266,16 @@ TEST_F(NetDeviceCredentials, RemoveAllRunsTheCommandOncePerPathAndEmptiesTheList
     EXPECT_EQ(expectedRuns, Runs(removeLog));
 }
 
+TEST_F(NetDeviceCredentials, ResetRemovesEveryCredential) {
+    InstallCommands(0, 0);
+    CRuntimeParam rp("inst", 0);
+    LogArgu la{"NfsMain.StopServer"};
+    for (const char* path : {"/a", "/b"}) EXPECT_TRUE(u.AddNetDeviceCredential(&rp, path, "u", "p"));
+    u.Reset(&rp, &la);
+    EXPECT_EQ(0, u.GetNetDeviceCredential(&rp, false));
+    EXPECT_EQ(std::vector<std::string>(2, REMOVE_COMMAND), Runs(removeLog));
+}
+
 TEST_F(NetDeviceCredentials, NullPathIsRefusedWithoutRunningAnything) {
     InstallCommands(0, 0);
     CRuntimeParam rp("inst", 0);
