@@ -8,8 +8,6 @@
 #include <rpc/pmap_clnt.h>
 #include <rpc/rpc.h>
 
-#include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -61,23 +59,6 @@ protected:
     RpcServerHarness harness;
     std::unique_ptr<CPortmapProg> prog;
 };
-
-using Mappings = std::set<std::tuple<unsigned long, unsigned long, std::string, unsigned long>>;
-
-// (program, version, protocol, port) of every line of "rpcinfo -p".
-Mappings ListRegistrations() {
-    Mappings rows;
-    int status = 0;
-    std::istringstream in(RunCommand("rpcinfo -p 127.0.0.1 2>&1", &status));
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream fields(line);
-        unsigned long prog, vers, port;
-        std::string proto;
-        if (fields >> prog >> vers >> proto >> port) rows.insert({prog, vers, proto, port});
-    }
-    return rows;
-}
 
 }  // namespace
 
@@ -254,7 +235,7 @@ TEST(Portmap, RegistersAndUnregistersWithTheSystemPortmapper) {
         EXPECT_TRUE(harness.Log().Has(line)) << line << "\n" << harness.Log().Dump();
     }
 
-    Mappings rows = ListRegistrations();
+    PortmapperMappings rows = ListPortmapperRegistrations();
     EXPECT_EQ(1u, rows.count({NFS, 3, "tcp", 2049}));
     EXPECT_EQ(1u, rows.count({NFS, 3, "udp", 2049}));
     EXPECT_EQ(1u, rows.count({MOUNT, 3, "tcp", 1058}));
@@ -275,13 +256,13 @@ TEST(Portmap, RegistersAndUnregistersWithTheSystemPortmapper) {
 
     // Registering again replaces the old mapping.
     ASSERT_TRUE(portmap.Register(NFS, 3, nfs->tcp.get(), text)) << text;
-    EXPECT_EQ(1u, ListRegistrations().count({NFS, 3, "tcp", 2049}));
+    EXPECT_EQ(1u, ListPortmapperRegistrations().count({NFS, 3, "tcp", 2049}));
 
     EXPECT_TRUE(portmap.Unregister(NFS, 3, text));
     EXPECT_TRUE(portmap.Unregister(MOUNT, 3, text));
     EXPECT_TRUE(harness.Log().Has("[Portmap.Unregister] Unregistered the program 100003 ver=3"));
     EXPECT_TRUE(harness.Log().Has("[Portmap.Unregister] Unregistered the program 100005 ver=3"));
-    rows = ListRegistrations();
+    rows = ListPortmapperRegistrations();
     for (const auto& row : rows) {
         EXPECT_NE(NFS, std::get<0>(row));
         EXPECT_NE(MOUNT, std::get<0>(row));

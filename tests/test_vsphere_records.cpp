@@ -1,7 +1,6 @@
 // vSphere datastore records and their cleanup through the web control tool.
-// The tool is played by a stand-in script of the tool's name placed beside
-// the running executable; each run appends its command line to the file
-// named by DSUNMOUNTER_RUNS and exits with DSUNMOUNTER_EXIT (default 0).
+// The tool is played by the stand-in script of the test support, placed
+// beside the running executable.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -16,17 +15,10 @@
 #include "PrivateMounts.h"
 #include "TestSupport.h"
 #include "Utilities.h"
+#include "VSphereToolStandIn.h"
 #include "VSphereWebController.h"
 
 namespace {
-
-const char* const TOOL_SCRIPT =
-    "#!/bin/sh\n"
-    "# Stand-in for the vSphere web control tool: records how it was called.\n"
-    "[ -n \"$DSUNMOUNTER_RUNS\" ] || exit 0\n"
-    "{ printf '%s' \"$0\"; for a in \"$@\"; do printf ' [%s]' \"$a\"; done; printf '\\n'; } >> "
-    "\"$DSUNMOUNTER_RUNS\"\n"
-    "exit \"${DSUNMOUNTER_EXIT:-0}\"\n";
 
 // When this program is started as the copy named java (see the test
 // ToolBesideJavaInOptXBinIsTheOneRun), it only removes one datastore
@@ -38,20 +30,6 @@ const char* const TOOL_SCRIPT =
     int status = controller.RemoveSession(moid, "esx.example", "443", "root", "pw");
     _exit(status == -1 ? 100 : WEXITSTATUS(status));
 }();
-
-std::string FolderOf(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
-
-// Puts the stand-in beside the running executable. Every test writes the
-// same content and renames it into place, so parallel tests don't disturb
-// each other.
-std::string InstallToolBesideExecutable() {
-    std::string tool = FolderOf(OwnExecutablePath()) + CVSphereWebController::ToolName();
-    std::string temporary = tool + "." + std::to_string(getpid());
-    WriteWholeFile(temporary, TOOL_SCRIPT);
-    chmod(temporary.c_str(), 0755);
-    rename(temporary.c_str(), tool.c_str());
-    return tool;
-}
 
 // The line the stand-in records for one run.
 std::string RunLine(const std::string& tool, const std::string& moid, const std::string& host,
@@ -241,7 +219,7 @@ TEST(VSphereWebController, ToolBesideJavaInOptXBinIsTheOneRun) {
     ASSERT_EQ(0, mkdir("/opt/x/bin", 0755));
     WriteWholeFile("/opt/x/bin/java", ReadWholeFile(OwnExecutablePath()));
     ASSERT_EQ(0, chmod("/opt/x/bin/java", 0755));
-    WriteWholeFile("/opt/x/bin/DsUnmounterLinX86", TOOL_SCRIPT);
+    WriteWholeFile("/opt/x/bin/DsUnmounterLinX86", VSPHERE_TOOL_SCRIPT);
     ASSERT_EQ(0, chmod("/opt/x/bin/DsUnmounterLinX86", 0755));
 
     std::string runs = tmp / "runs.log";

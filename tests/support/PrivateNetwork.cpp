@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 
 #include "RpcTestClient.h"
 
@@ -93,4 +94,17 @@ std::string RunCommand(const std::string& commandLine, int* status) {
     int rc = pclose(p);
     if (status) *status = rc;
     return output;
+}
+
+PortmapperMappings ListPortmapperRegistrations() {
+    PortmapperMappings rows;
+    std::istringstream in(RunCommand("rpcinfo -p 127.0.0.1 2>&1"));
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        unsigned long prog, vers, port;
+        std::string proto;
+        if (fields >> prog >> vers >> proto >> port) rows.insert(std::make_tuple(prog, vers, proto, port));
+    }
+    return rows;
 }

@@ -6,7 +6,9 @@
 
 #include <sys/types.h>
 
+#include <set>
 #include <string>
+#include <tuple>
 
 // Moves this process into a new network and mount namespace (mounts made
 // private, so nothing mounted later leaks out) and brings its loopback
@@ -36,3 +38,8 @@ private:
 // Runs a shell command line, returns its standard output (and the exit
 // status through status when given).
 std::string RunCommand(const std::string& commandLine, int* status = nullptr);
+
+// (program, version, protocol, port) of every line of "rpcinfo -p" for the
+// portmapper on 127.0.0.1.
+using PortmapperMappings = std::set<std::tuple<unsigned long, unsigned long, std::string, unsigned long>>;
+PortmapperMappings ListPortmapperRegistrations();
