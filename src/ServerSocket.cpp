@@ -23,6 +23,11 @@ bool CServerSocket::Open(unsigned long progId, int port, int maxNum, CUtilities*
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_ANY);
     addr.sin_port = htons((uint16_t)port);
+    // A stop with clients still connected leaves the port in TIME_WAIT;
+    // without this the server could not start again on it for a minute.
+    // A second listener on a port in use is still refused.
+    int reuse = 1;
+    setsockopt(m_ServerSocket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
     const char* failure = nullptr;
     if (bind(m_ServerSocket, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == -1)
         failure = "Fail to bind server socket";

@@ -120,6 +120,25 @@ TEST(ServerSocket, BindingAPortInUseFails) {
     EXPECT_TRUE(NullCall(client, 1));
 }
 
+TEST(ServerSocket, ReopensAtOnceAfterClosingUnderAConnectedClient) {
+    Served s;
+    CServerSocket listener;
+    listener.SetListener(&s.harness.Server());
+    char err[ERROR_TEXT_SIZE] = "";
+    ASSERT_TRUE(listener.Open(PROG, 0, 3, &s.harness.Utilities(), err)) << err;
+    int port = GetBoundPort(listener.GetSocket());
+    RpcTestClient client(RpcTestClient::TCP, (uint16_t)port);
+    ASSERT_TRUE(NullCall(client, 1));
+    listener.Close();  // the server side closes first: its end waits in TIME_WAIT
+    ASSERT_TRUE(client.WaitForClose());
+    client.Close();
+
+    ASSERT_TRUE(listener.Open(PROG, port, 3, &s.harness.Utilities(), err)) << err;
+    RpcTestClient again(RpcTestClient::TCP, (uint16_t)port);
+    EXPECT_TRUE(NullCall(again, 2));
+    listener.Close();
+}
+
 TEST(ServerSocket, OpenReportsThePortAskedFor) {
     Served s;
     CServerSocket listener;
