@@ -298,6 +298,32 @@ bool CNfsMain::IsSessionExists(const char* sessionId) { return IsLocalSessionExi
 
 bool CNfsMain::IsLocalSessionExists(const char* sessionId) { return m_pUtilities->IsSessionExists(sessionId); }
 
+void CNfsMain::OpenRedirectedFile(const char* path, long long size, bool createInfoFile, int infoFileSegmentSizeMB,
+                                  int infoFileCheckPointSizeMB) {
+    m_pUtilities->OpenRedirectedFile(m_pRuntimeParam, path, size, createInfoFile, infoFileSegmentSizeMB,
+                                     infoFileCheckPointSizeMB);
+}
+
+void CNfsMain::CloseRedirectedFile(const char* path) { m_pUtilities->CloseRedirectedFile(m_pRuntimeParam, path); }
+
+void CNfsMain::CloseAllRedirectedFiles(const char* path) {
+    m_pUtilities->CloseAllRedirectedFiles(m_pRuntimeParam, path);
+}
+
+bool CNfsMain::AddRedirectedFileSegment(const char* path, const char* sourcePath, long long srcFileOffset,
+                                        long long offset, long long length, char* err) {
+    return m_pUtilities->AddRedirectedFileSegment(m_pRuntimeParam, path, sourcePath, srcFileOffset, offset, length,
+                                                  err);
+}
+
+void CNfsMain::ExportRedirectedFile(const char* path, const char* exportPath) {
+    m_pUtilities->ExportRedirectedFile(m_pRuntimeParam, path, exportPath);
+}
+
+void CNfsMain::ExportRedirectedFileInfo(const char* path, const char* exportPath, bool mergeRange) {
+    m_pUtilities->ExportRedirectedFileInfo(m_pRuntimeParam, path, exportPath, mergeRange);
+}
+
 void CNfsMain::CloseCachedFileHandle(const char* path) {
     LogArgu la{"NfsMain.CloseCachedFileHandle"};
     m_pUtilities->CloseCachedFileHandle(m_pRuntimeParam, &la, path);

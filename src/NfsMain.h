@@ -76,6 +76,15 @@ public:
     virtual bool IsSessionExists(const char* sessionId);
     // Asks this process's own session table, whatever the variant.
     bool IsLocalSessionExists(const char* sessionId);
+    // Redirected files: virtual files assembled from segments of sources.
+    virtual void OpenRedirectedFile(const char* path, long long size, bool createInfoFile, int infoFileSegmentSizeMB,
+                                    int infoFileCheckPointSizeMB);
+    virtual void CloseRedirectedFile(const char* path);
+    virtual void CloseAllRedirectedFiles(const char* path);
+    virtual bool AddRedirectedFileSegment(const char* path, const char* sourcePath, long long srcFileOffset,
+                                          long long offset, long long length, char* err);
+    virtual void ExportRedirectedFile(const char* path, const char* exportPath);
+    virtual void ExportRedirectedFileInfo(const char* path, const char* exportPath, bool mergeRange);
     virtual void CloseCachedFileHandle(const char* path);
     virtual void CloseAllCachedFileHandles(const char* path);
 

@@ -633,6 +633,43 @@ TEST_F(Controller, CachedDescriptorsAreClosedThroughTheController) {
     EXPECT_TRUE(log.CountContaining("[NfsMain.CloseAllCachedFileHandles]") > 0) << log.Dump();
 }
 
+TEST_F(Controller, RedirectedFilesAreForwarded) {
+    TempDir dir;
+    ASSERT_TRUE(main->AddMountPoint(dir.Path().c_str(), "store", err)) << err;
+    std::string source = dir / "source.bin";
+    WriteWholeFile(source, "0123456789abcdef");
+    std::string disk = dir / "disk.vmdk";
+    WriteWholeFile(disk, "");  // the info file lives in the virtual file's own place
+    CUtilities* u = main->GetUtils();
+
+    main->OpenRedirectedFile(disk.c_str(), 32, true, 1, 16);
+    ASSERT_NE(nullptr, u->GetRedirectedFile(disk.c_str()));
+    EXPECT_EQ(32, u->GetRedirectedFile(disk.c_str())->GetFileSize());
+    ASSERT_TRUE(main->AddRedirectedFileSegment(disk.c_str(), source.c_str(), 4, 8, 6, err)) << err;
+    char unknown[ERROR_TEXT_SIZE] = "untouched";
+    EXPECT_FALSE(main->AddRedirectedFileSegment((dir / "other").c_str(), source.c_str(), 0, 0, 1, unknown));
+    EXPECT_STREQ("untouched", unknown);
+
+    std::string exported = dir / "exported.bin";
+    WriteWholeFile(exported, "");  // exports write into existing files
+    main->ExportRedirectedFile(disk.c_str(), exported.c_str());
+    EXPECT_EQ(std::string(8, '\0') + "456789" + std::string(18, '\0'), ReadWholeFile(exported));
+    std::string listing = dir / "listing.txt";
+    WriteWholeFile(listing, "");
+    main->ExportRedirectedFileInfo(disk.c_str(), listing.c_str(), false);
+    EXPECT_NE(std::string::npos, ReadWholeFile(listing).find(source)) << ReadWholeFile(listing);
+
+    main->CloseRedirectedFile(disk.c_str());
+    EXPECT_EQ(nullptr, u->GetRedirectedFile(disk.c_str()));
+    main->OpenRedirectedFile((dir / "a/one").c_str(), 1, false, 1, 16);
+    main->OpenRedirectedFile((dir / "a/two").c_str(), 1, false, 1, 16);
+    main->OpenRedirectedFile((dir / "ab").c_str(), 1, false, 1, 16);
+    main->CloseAllRedirectedFiles((dir / "a").c_str());
+    EXPECT_EQ(nullptr, u->GetRedirectedFile((dir / "a/one").c_str()));
+    EXPECT_EQ(nullptr, u->GetRedirectedFile((dir / "a/two").c_str()));
+    EXPECT_NE(nullptr, u->GetRedirectedFile((dir / "ab").c_str()));
+}
+
 TEST_F(Controller, VSphereRecordsAreForwarded) {
     main->AddVSphereInfo("datastore-2", "h", "443", "u", "secret");
     main->AddVSphereInfo("datastore-1", "h", "444", "u", "secret");
