@@ -151,6 +151,27 @@ void CNfs3Prog::WritePostOpAttr(NfsCall& c, const char* path) {
 
 void CNfs3Prog::WriteEmptyWccData(COutputStream* out) { Write(out, wcc_data()); }
 
+nfsstat3 CNfs3Prog::ApplyAttributes(NfsCall& c, const sattr3& attr) {
+    // Server time passes as "set" with the zero time the reader left.
+    bool setAtime = attr.atime.set_it != DONT_CHANGE;
+    bool setMtime = attr.mtime.set_it != DONT_CHANGE;
+    if ((m_iFSF3Properties & FSF3_CANSETTIME) == 0 && (setAtime || setMtime)) {
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Server don't allow settime", c.argu.pcName);
+        return NFS3ERR_INVAL;
+    }
+    // The file service applies the mode as given: drop the sticky bit here.
+    if (!m_pUtilities->UpdateFileAttributes(c.rp, &c.argu, c.path, attr.mode.set_it,
+                                            ConvertNfsFileModeToFileMode(attr.mode.mode), attr.uid.set_it,
+                                            attr.uid.uid, attr.gid.set_it, attr.gid.gid, attr.size.set_it,
+                                            attr.size.size, setAtime, attr.atime.atime.seconds,
+                                            attr.atime.atime.nseconds, setMtime, attr.mtime.mtime.seconds,
+                                            attr.mtime.mtime.nseconds)) {
+        Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Update file attribute to %s fail", c.argu.pcName, c.path);
+        return NFS3ERR_INVAL;
+    }
+    return NFS3_OK;
+}
+
 int CNfs3Prog::End(NfsCall& c) {
     Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] End stat=%d", c.argu.pcName, (int)c.stat);
     return RESULT_DONE;
@@ -204,22 +225,7 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* in, COutputStream* out, ProcessPar
         Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Guard check fail, client: %lld, server: %lld",
             c.argu.pcName, (long long)guard.obj_ctime.seconds, (long long)before.ctime.seconds);
     }
-    if (c.stat == NFS3_OK) {
-        // Server time passes as "set" with the zero time the reader left.
-        bool setAtime = attr.atime.set_it != DONT_CHANGE;
-        bool setMtime = attr.mtime.set_it != DONT_CHANGE;
-        if ((m_iFSF3Properties & FSF3_CANSETTIME) == 0 && (setAtime || setMtime)) {
-            c.stat = NFS3ERR_INVAL;
-            Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Server don't allow settime", c.argu.pcName);
-        } else if (!m_pUtilities->UpdateFileAttributes(
-                       c.rp, &c.argu, c.path, attr.mode.set_it, attr.mode.mode, attr.uid.set_it, attr.uid.uid,
-                       attr.gid.set_it, attr.gid.gid, attr.size.set_it, attr.size.size, setAtime,
-                       attr.atime.atime.seconds, attr.atime.atime.nseconds, setMtime, attr.mtime.mtime.seconds,
-                       attr.mtime.mtime.nseconds)) {
-            c.stat = NFS3ERR_INVAL;
-            Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Update file attribute to %s fail", c.argu.pcName, c.path);
-        }
-    }
+    if (c.stat == NFS3_OK) c.stat = ApplyAttributes(c, attr);
     WriteStatus(c);
     WriteEmptyWccData(out);
     return End(c);

@@ -326,6 +326,9 @@ protected:
     // CheckObject(c, true), then the attributes; NFS3ERR_IO when they cannot
     // be built.
     nfsstat3 CheckObject(NfsCall& c, fattr3& attr);
+    // Applies attr to c.path as SETATTR does; NFS3ERR_INVAL when the time
+    // cannot be set or the file service fails.
+    nfsstat3 ApplyAttributes(NfsCall& c, const sattr3& attr);
     // Writes c.stat.
     void WriteStatus(NfsCall& c) { WriteUint32(c.out, c.stat); }
     // A post_op_attr: present with *attr, absent for null.
