@@ -169,7 +169,13 @@ TEST_F(Nfs3BadInput, EveryProcedureArrivingByteByByteIsAnsweredAsIfWhole) {
         ASSERT_TRUE(client.ReceiveReply(pieces));
         EXPECT_EQ(xid, pieces.xid);
         EXPECT_EQ(0u, pieces.acceptStat);
-        EXPECT_EQ(whole.results, pieces.results) << call.first;
+        if (call.first == PROC_FSSTAT) {
+            // The free space figures are live: the rest must match.
+            ASSERT_EQ(whole.results.size(), pieces.results.size());
+            EXPECT_EQ(Prefix(whole.results, 4 + 88), Prefix(pieces.results, 4 + 88));
+        } else {
+            EXPECT_EQ(whole.results, pieces.results) << call.first;
+        }
         // 44 bytes of record mark and call header, then one cut call per byte.
         EXPECT_EQ((int)record.size() - 44,
                   server.Log().CountContaining(truncated) - truncatedBefore) << call.first;

@@ -87,6 +87,15 @@ private:
     rpc_context* m_rpc;
 };
 
+// libnfs decodes list entries into 4-byte aligned memory: copy them out
+// before reading their 64-bit fields.
+template <class T>
+T Aligned(const void* p) {
+    T copy;
+    memcpy(&copy, p, sizeof copy);
+    return copy;
+}
+
 nfs_fh3 Fh(Bytes& handle) {
     nfs_fh3 fh;
     fh.data.data_len = (u_int)handle.size();
@@ -240,9 +249,11 @@ TEST_F(Nfs3Clients, LibnfsDecodesEveryReplyOfTheProgram) {
                                     READDIR3res* res = static_cast<READDIR3res*>(data);
                                     ASSERT_EQ(NFS3_OK, res->status);
                                     uint64_t expected = cookie;
-                                    for (entry3* e = res->READDIR3res_u.resok.reply.entries; e; e = e->nextentry) {
-                                        EXPECT_EQ(++expected, e->cookie);
-                                        names.push_back(e->name);
+                                    for (const void* p = res->READDIR3res_u.resok.reply.entries; p;) {
+                                        entry3 e = Aligned<entry3>(p);
+                                        EXPECT_EQ(++expected, e.cookie);
+                                        names.push_back(e.name);
+                                        p = e.nextentry;
                                     }
                                     EXPECT_EQ(cookie == 0 ? 0u : 1u, res->READDIR3res_u.resok.reply.eof);
                                 }));
@@ -260,15 +271,17 @@ TEST_F(Nfs3Clients, LibnfsDecodesEveryReplyOfTheProgram) {
             READDIRPLUS3res* res = static_cast<READDIRPLUS3res*>(data);
             ASSERT_EQ(NFS3_OK, res->status);
             EXPECT_TRUE(res->READDIRPLUS3res_u.resok.dir_attributes.attributes_follow);
-            for (entryplus3* e = res->READDIRPLUS3res_u.resok.reply.entries; e; e = e->nextentry) {
+            for (const void* p = res->READDIRPLUS3res_u.resok.reply.entries; p;) {
+                entryplus3 e = Aligned<entryplus3>(p);
+                p = e.nextentry;
                 ++plusEntries;
-                EXPECT_TRUE(e->name_attributes.attributes_follow);
-                EXPECT_EQ(InodeOf(server.PathOf("dir/" + std::string(e->name))),
-                          e->name_attributes.post_op_attr_u.attributes.fileid);
-                ASSERT_TRUE(e->name_handle.handle_follows);
+                EXPECT_TRUE(e.name_attributes.attributes_follow);
+                EXPECT_EQ(InodeOf(server.PathOf("dir/" + std::string(e.name))),
+                          e.name_attributes.post_op_attr_u.attributes.fileid);
+                ASSERT_TRUE(e.name_handle.handle_follows);
                 uint32_t id;
-                memcpy(&id, e->name_handle.post_op_fh3_u.handle.data.data_val, 4);
-                EXPECT_EQ(e->fileid, id);
+                memcpy(&id, e.name_handle.post_op_fh3_u.handle.data.data_val, 4);
+                EXPECT_EQ(e.fileid, id);
             }
             EXPECT_EQ(0u, res->READDIRPLUS3res_u.resok.reply.eof);
         }));
