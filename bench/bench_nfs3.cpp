@@ -1,0 +1,124 @@
+// NFSv3 handlers called straight through CNfs3Prog::Process on in-memory
+// streams (no sockets): GETATTR of a file, and the listing of a whole
+// folder page by page with READDIR and READDIRPLUS. Argument: the number of
+// entries in the folder.
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "InputStream.h"
+#include "Nfs3Prog.h"
+#include "OutputStream.h"
+#include "Utilities.h"
+
+namespace {
+
+void PutWord(std::string& b, uint32_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) b.push_back((char)(v >> shift));
+}
+
+// An exported folder of entries empty files, the program and a call's streams.
+class Bench {
+public:
+    explicit Bench(int entries) : m_rp("bench", 0), m_prog(&m_utilities) {
+        char pattern[] = "/tmp/nfsengine-bench-XXXXXX";
+        m_root = mkdtemp(pattern);
+        for (int i = 0; i < entries; ++i) {
+            std::string path = m_root + "/vm-disk-" + std::to_string(i) + "-flat.vmdk";
+            if (FILE* f = fopen(path.c_str(), "w")) fclose(f);
+        }
+        LogArgu la{"bench"};
+        m_utilities.AddMountInfo(&m_rp, &la, m_root.c_str(), "bench", "", nullptr);
+        m_param.iVersion = 3;
+        m_param.pRuntimeParam = &m_rp;
+    }
+    ~Bench() {
+        std::string command = "rm -rf " + m_root;
+        if (system(command.c_str()) != 0) fprintf(stderr, "could not remove %s\n", m_root.c_str());
+    }
+
+    std::string HandleArgs(const std::string& path) {
+        unsigned char handle[FILE_HANDLE_SIZE];
+        LogArgu la{"bench"};
+        m_utilities.GetFileHandle(&m_rp, &la, path.c_str(), handle, (int)sizeof handle);
+        std::string b;
+        PutWord(b, FILE_HANDLE_SIZE);
+        b.append(reinterpret_cast<char*>(handle), sizeof handle);
+        return b;
+    }
+
+    // Runs one call; the size of its reply.
+    uint32_t Call(uint32_t proc, const std::string& args) {
+        m_in.ResetBuffer();
+        memcpy(m_in.GetFreeBuffer(), args.data(), args.size());
+        m_in.AddFilledBufferSize((uint32_t)args.size());
+        m_out.ResetBuffer();
+        m_param.iProc = proc;
+        m_prog.Process(&m_in, &m_out, &m_param);
+        return m_out.GetBufferSize();
+    }
+
+    // Lists the whole folder; the number of calls it took.
+    int ListAll(bool plus) {
+        std::string handle = HandleArgs(m_root);
+        int calls = 0;
+        for (uint64_t cookie = 0;; cookie += 10) {
+            std::string args = handle;
+            PutWord(args, (uint32_t)(cookie >> 32));
+            PutWord(args, (uint32_t)cookie);
+            PutWord(args, 0);
+            PutWord(args, 0);
+            PutWord(args, 8192);
+            if (plus) PutWord(args, 32768);
+            uint32_t size = Call(plus ? 17 : 16, args);
+            ++calls;
+            // The last word is eof.
+            const unsigned char* end = m_out.GetBuffer() + size - 4;
+            if (size < 8 || end[3] == 1) break;
+        }
+        return calls;
+    }
+
+    const std::string& Root() const { return m_root; }
+
+private:
+    CUtilities m_utilities;
+    CRuntimeParam m_rp;
+    CNfs3Prog m_prog;
+    ProcessParam m_param;
+    CInputStream m_in;
+    COutputStream m_out;
+    std::string m_root;
+};
+
+void BM_Getattr(benchmark::State& state) {
+    Bench bench(1);
+    std::string args = bench.HandleArgs(bench.Root() + "/vm-disk-0-flat.vmdk");
+    for (auto _ : state) benchmark::DoNotOptimize(bench.Call(1, args));
+}
+
+void BM_ReaddirWholeFolder(benchmark::State& state) {
+    Bench bench((int)state.range(0));
+    int calls = 0;
+    for (auto _ : state) calls = bench.ListAll(false);
+    state.counters["calls"] = calls;
+}
+
+void BM_ReaddirplusWholeFolder(benchmark::State& state) {
+    Bench bench((int)state.range(0));
+    int calls = 0;
+    for (auto _ : state) calls = bench.ListAll(true);
+    state.counters["calls"] = calls;
+}
+
+}  // namespace
+
+BENCHMARK(BM_Getattr);
+BENCHMARK(BM_ReaddirWholeFolder)->Arg(10)->Arg(100)->Arg(1000);
+BENCHMARK(BM_ReaddirplusWholeFolder)->Arg(10)->Arg(100)->Arg(1000);
+BENCHMARK_MAIN();

@@ -1,0 +1,766 @@
+#include "Nfs3Prog.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "DataTruncatedExpt.h"
+#include "InputStream.h"
+#include "OutputStream.h"
+
+namespace {
+
+constexpr uint32_t MODE_KEPT_BITS = 0xDFF;  // set-ID bits and permissions; never the sticky bit 0x200
+constexpr int DIRECTORY_PAGE_ENTRIES = 10;
+
+// FSINFO's fixed transfer sizes; they match the caps of READ and WRITE.
+constexpr uint32_t FSINFO_RTMAX = 65536;
+constexpr uint32_t FSINFO_RTPREF = 65536;
+constexpr uint32_t FSINFO_RTMULT = 512;
+constexpr uint32_t FSINFO_WTMAX = 16384;
+constexpr uint32_t FSINFO_WTPREF = 16384;
+constexpr uint32_t FSINFO_WTMULT = 512;
+constexpr uint32_t FSINFO_DTPREF = 8192;
+
+const char* NameOf(const LogArgu* argu) { return argu && argu->pcName ? argu->pcName : ""; }
+CRuntimeParam* RuntimeOf(ProcessParam* param) { return param ? param->pRuntimeParam : nullptr; }
+
+uint32_t FileTypeOf(mode_t mode) {
+    switch (mode & 0xF000) {
+        case 0x1000: return NF3FIFO;
+        case 0x2000: return NF3CHR;
+        case 0x4000: return NF3DIR;
+        case 0x6000: return NF3BLK;
+        case 0x8000: return NF3REG;
+        case 0xA000: return NF3LNK;
+        case 0xC000: return NF3SOCK;
+        default: return 0;
+    }
+}
+
+// A directory stream that yields the real entries only ("." and ".." are
+// passed over) and closes itself.
+class DirectoryStream {
+public:
+    explicit DirectoryStream(const char* path) : m_pDir(opendir(path)) {}
+    ~DirectoryStream() {
+        if (m_pDir) closedir(m_pDir);
+    }
+    DirectoryStream(const DirectoryStream&) = delete;
+    DirectoryStream& operator=(const DirectoryStream&) = delete;
+
+    bool IsOpen() const { return m_pDir != nullptr; }
+    // The next name, or null at the end.
+    const char* Next() {
+        while (struct dirent* entry = readdir(m_pDir)) {
+            if (!CNfs3Prog::IsInVaildDirName(entry->d_name)) return entry->d_name;
+        }
+        return nullptr;
+    }
+
+private:
+    DIR* m_pDir;
+};
+
+}  // namespace
+
+CNfs3Prog::CNfs3Prog(CUtilities* utilities)
+    : CRpcProg(utilities), m_iSysUpTime(CUtilities::GetCurrentSystemTimeInMilliseconds()) {}
+
+CNfs3Prog::~CNfs3Prog() = default;
+
+void CNfs3Prog::SetUserID(unsigned int uid, unsigned int gid) {
+    m_iUId = uid;
+    m_iGId = gid;
+}
+
+// ---- dispatch ------------------------------------------------------------------
+
+int CNfs3Prog::Process(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    typedef int (CNfs3Prog::*Handler)(CInputStream*, COutputStream*, ProcessParam*);
+    static const Handler handlers[PROCEDURE_COUNT] = {
+        &CNfs3Prog::ProcedureNULL,    &CNfs3Prog::ProcedureGETATTR,  &CNfs3Prog::ProcedureSETATTR,
+        &CNfs3Prog::ProcedureLOOKUP,  &CNfs3Prog::ProcedureACCESS,   &CNfs3Prog::ProcedureREADLINK,
+        &CNfs3Prog::ProcedureREAD,    &CNfs3Prog::ProcedureWRITE,    &CNfs3Prog::ProcedureCREATE,
+        &CNfs3Prog::ProcedureMKDIR,   &CNfs3Prog::ProcedureSYMLINK,  &CNfs3Prog::ProcedureMKNOD,
+        &CNfs3Prog::ProcedureREMOVE,  &CNfs3Prog::ProcedureRMDIR,    &CNfs3Prog::ProcedureRENAME,
+        &CNfs3Prog::ProcedureLINK,    &CNfs3Prog::ProcedureREADDIR,  &CNfs3Prog::ProcedureREADDIRPLUS,
+        &CNfs3Prog::ProcedureFSSTAT,  &CNfs3Prog::ProcedureFSINFO,   &CNfs3Prog::ProcedurePATHCONF,
+        &CNfs3Prog::ProcedureCOMMIT,
+    };
+    CRuntimeParam* rp = RuntimeOf(param);
+    LogArgu argu{"Nfs3Prog.Process"};
+    Log(rp, CRuntimeParam::LOG_PROC_FUNC_NAME, "[%s]", argu.pcName);
+    try {
+        if (m_pUtilities == nullptr || param == nullptr || param->iProc >= PROCEDURE_COUNT)
+            return ProcedureNOIMP(in, out, param);
+        return (this->*handlers[param->iProc])(in, out, param);
+    } catch (const CDataTruncatedExpt& e) {
+        Log(rp, CRuntimeParam::LOG_ERROR, "[%s] %s", argu.pcName, e.what());
+        return RESULT_TRUNCATED;
+    } catch (...) {
+        Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Unknown exception", argu.pcName);
+        return RESULT_GARBAGE_ARGS;
+    }
+}
+
+int CNfs3Prog::ProcedureNOIMP(CInputStream*, COutputStream*, ProcessParam* param) {
+    Log(RuntimeOf(param), CRuntimeParam::LOG_PROC_FUNC_NAME, "[%s]", "Nfs3Prog.ProcedureNOIMP");
+    return RESULT_PROC_UNAVAIL;
+}
+
+// ---- the call skeleton -----------------------------------------------------------
+
+CNfs3Prog::NfsCall::NfsCall(CNfs3Prog* prog, const char* name, CInputStream* in, COutputStream* out,
+                            ProcessParam* param)
+    : in(in), out(out), param(param), rp(RuntimeOf(param)), argu{name} {
+    prog->Log(rp, CRuntimeParam::LOG_PROC_FUNC_NAME, "[%s]", name);
+}
+
+void CNfs3Prog::SkipObject(NfsCall& c) {
+    Read(c.in, static_cast<filename3*>(nullptr), true);
+    c.path[0] = '\0';
+}
+
+nfsstat3 CNfs3Prog::CheckMount(NfsCall& c) { return CheckProcessParam(c.param, &c.argu, c.path); }
+
+nfsstat3 CNfs3Prog::CheckObject(NfsCall& c, bool mustExist) {
+    nfsstat3 stat = CheckMount(c);
+    return stat == NFS3_OK ? CheckPath(c.path, mustExist) : stat;
+}
+
+nfsstat3 CNfs3Prog::CheckObject(NfsCall& c, fattr3& attr) {
+    nfsstat3 stat = CheckObject(c, true);
+    if (stat == NFS3_OK && !GetNfsFileAttributes(c.param, &c.argu, c.path, &attr)) stat = NFS3ERR_IO;
+    return stat;
+}
+
+void CNfs3Prog::WritePostOpAttr(COutputStream* out, const fattr3* attr) {
+    WriteBool(out, attr != nullptr);
+    if (attr) Write(out, *attr);
+}
+
+void CNfs3Prog::WritePostOpAttr(NfsCall& c, const char* path) {
+    fattr3 attr;
+    bool built = path != nullptr && GetNfsFileAttributes(c.param, &c.argu, path, &attr);
+    WritePostOpAttr(c.out, built ? &attr : nullptr);
+}
+
+void CNfs3Prog::WriteEmptyWccData(COutputStream* out) { Write(out, wcc_data()); }
+
+nfsstat3 CNfs3Prog::ApplyAttributes(NfsCall& c, const sattr3& attr) {
+    // Server time passes as "set" with the zero time the reader left.
+    bool setAtime = attr.atime.set_it != DONT_CHANGE;
+    bool setMtime = attr.mtime.set_it != DONT_CHANGE;
+    if ((m_iFSF3Properties & FSF3_CANSETTIME) == 0 && (setAtime || setMtime)) {
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Server don't allow settime", c.argu.pcName);
+        return NFS3ERR_INVAL;
+    }
+    // The file service applies the mode as given: drop the sticky bit here.
+    if (!m_pUtilities->UpdateFileAttributes(c.rp, &c.argu, c.path, attr.mode.set_it,
+                                            ConvertNfsFileModeToFileMode(attr.mode.mode), attr.uid.set_it,
+                                            attr.uid.uid, attr.gid.set_it, attr.gid.gid, attr.size.set_it,
+                                            attr.size.size, setAtime, attr.atime.atime.seconds,
+                                            attr.atime.atime.nseconds, setMtime, attr.mtime.mtime.seconds,
+                                            attr.mtime.mtime.nseconds)) {
+        Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Update file attribute to %s fail", c.argu.pcName, c.path);
+        return NFS3ERR_INVAL;
+    }
+    return NFS3_OK;
+}
+
+int CNfs3Prog::End(NfsCall& c) {
+    Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] End stat=%d", c.argu.pcName, (int)c.stat);
+    return RESULT_DONE;
+}
+
+void CNfs3Prog::Log(CRuntimeParam* rp, int bit, const char* fmt, ...) {
+    if (rp == nullptr || m_pUtilities == nullptr || !rp->IsLogEnabled(bit)) return;
+    char text[LOG_MESSAGE_SIZE];
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(text, sizeof text, fmt, args);
+    va_end(args);
+    if (bit == CRuntimeParam::LOG_ERROR)
+        m_pUtilities->LogError(rp, text);
+    else
+        m_pUtilities->LogInfo(rp, text);
+}
+
+// ---- attribute and lookup procedures ----------------------------------------------
+
+int CNfs3Prog::ProcedureNULL(CInputStream*, COutputStream*, ProcessParam* param) {
+    Log(RuntimeOf(param), CRuntimeParam::LOG_PROC_FUNC_NAME, "[%s]", "Nfs3Prog.ProcedureNULL");
+    return RESULT_DONE;
+}
+
+int CNfs3Prog::ProcedureGETATTR(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureGETATTR", in, out, param);
+    ReadObject(c);
+    fattr3 attr;
+    c.stat = CheckObject(c, attr);
+    WriteStatus(c);
+    if (c.stat == NFS3_OK) Write(out, attr);
+    return End(c);
+}
+
+int CNfs3Prog::ProcedureSETATTR(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureSETATTR", in, out, param);
+    ReadObject(c);
+    sattr3 attr;
+    Read(in, &attr, false);
+    sattrguard3 guard;
+    Read(in, &guard);
+    Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Guard check: %d, time: %lld", c.argu.pcName,
+        (int)guard.check, (long long)guard.obj_ctime.seconds);
+    c.stat = CheckObject(c, true);
+    // No pre-operation attributes are taken, so the guard meets a zero ctime.
+    wcc_attr before;
+    GetNfsFileAttributes(c.path, &before);
+    if (c.stat == NFS3_OK && guard.check && guard.obj_ctime.seconds != before.ctime.seconds) {
+        c.stat = NFS3ERR_NOT_SYNC;
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Guard check fail, client: %lld, server: %lld",
+            c.argu.pcName, (long long)guard.obj_ctime.seconds, (long long)before.ctime.seconds);
+    }
+    if (c.stat == NFS3_OK) c.stat = ApplyAttributes(c, attr);
+    WriteStatus(c);
+    WriteEmptyWccData(out);
+    return End(c);
+}
+
+int CNfs3Prog::ProcedureLOOKUP(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureLOOKUP", in, out, param);
+    diropargs3 args;
+    ReadPath(param, &c.argu, in, &args, c.path);
+    c.stat = CheckObject(c, true);
+    if (c.stat == NFS3ERR_IO) c.stat = NFS3ERR_NOENT;
+    WriteStatus(c);
+    if (c.stat == NFS3_OK) {
+        // The handle goes out as it stands, whether or not an ID was found.
+        nfs_fh3 fh{};
+        GetNfsFileHandle(param, &c.argu, c.path, &fh);
+        Write(out, fh, false);
+        WritePostOpAttr(c, c.path);
+    }
+    WritePostOpAttr(out, nullptr);  // the directory's attributes are never sent
+    return End(c);
+}
+
+int CNfs3Prog::ProcedureACCESS(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureACCESS", in, out, param);
+    ReadObject(c);
+    uint32_t access = ReadUint32(in);
+    c.stat = CheckObject(c, true);
+    Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Readonly: %d, access: %x", c.argu.pcName, (int)m_bReadOnly,
+        access);
+    // No permission is examined: everything asked is granted, less the
+    // changing kinds (execute included) on a read-only server.
+    if (m_bReadOnly) access &= ~(ACCESS3_MODIFY | ACCESS3_EXTEND | ACCESS3_DELETE | ACCESS3_EXECUTE);
+    WriteStatus(c);
+    if (c.stat == NFS3_OK) {
+        WritePostOpAttr(c, c.path);
+        WriteUint32(out, access);
+    } else {
+        WritePostOpAttr(out, nullptr);
+    }
+    return End(c);
+}
+
+int CNfs3Prog::ProcedureREADLINK(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureREADLINK", in, out, param);
+    // Symbolic links are never read: the handle is stepped over, and the
+    // mount check refuses the empty path.
+    SkipObject(c);
+    c.stat = CheckMount(c);
+    WriteStatus(c);
+    if (c.stat == NFS3_OK) WriteUint32(out, 0);  // an empty link text
+    WritePostOpAttr(out, nullptr);
+    return End(c);
+}
+
+// ---- directory listing --------------------------------------------------------------
+
+int CNfs3Prog::ProcedureREADDIR(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureREADDIR", in, out, param);
+    return ListDirectory(c, false);
+}
+
+int CNfs3Prog::ProcedureREADDIRPLUS(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureREADDIRPLUS", in, out, param);
+    return ListDirectory(c, true);
+}
+
+int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
+    ReadObject(c);
+    uint64_t cookie = ReadUint64(c.in);
+    uint64_t cookieverf = ReadUint64(c.in);
+    // The sizes are logged only: a page is bounded by its entry count.
+    uint32_t count = ReadUint32(c.in);
+    if (plus) {
+        uint32_t maxcount = ReadUint32(c.in);
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Cookie=%llu, cookieverf=%llu, dircount=%u, maxcount=%u",
+            c.argu.pcName, (unsigned long long)cookie, (unsigned long long)cookieverf, count, maxcount);
+    } else {
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Cookie=%llu, cookieverf=%llu, count=%u", c.argu.pcName,
+            (unsigned long long)cookie, (unsigned long long)cookieverf, count);
+    }
+    fattr3 dirAttr;
+    c.stat = CheckObject(c, dirAttr);
+    WriteStatus(c);
+    if (c.stat != NFS3_OK) {
+        WritePostOpAttr(c.out, nullptr);
+        return End(c);
+    }
+    WritePostOpAttr(c.out, &dirAttr);
+    WriteUint64(c.out, cookieverf);  // echoed, never checked
+
+    // The cookie is a position: skip the entries that earlier pages gave.
+    // A directory that cannot be opened lists as empty.
+    bool eof = true;
+    DirectoryStream dir(c.path);
+    if (dir.IsOpen()) {
+        bool ended = false;
+        for (int32_t skip = (int32_t)(uint32_t)cookie; skip >= 1 && !ended; --skip) ended = dir.Next() == nullptr;
+        if (!ended) {
+            eof = false;
+            for (int emitted = 0; emitted < DIRECTORY_PAGE_ENTRIES; ++emitted) {
+                const char* name = dir.Next();
+                if (name == nullptr) {
+                    eof = true;
+                    break;
+                }
+                WriteBool(c.out, true);  // an entry follows
+                char full[PATH_BUFFER_SIZE];
+                bool joined = AppendFilePath(c.path, name, full);
+                // The file table ID, which also gives the entry its handle.
+                unsigned int id = joined ? m_pUtilities->GetFileID(c.rp, &c.argu, full) : NO_FILE_ID;
+                WriteUint64(c.out, id);
+                Write(c.out, opaque{reinterpret_cast<const unsigned char*>(name), (uint32_t)strlen(name)}, false);
+                WriteUint64(c.out, ++cookie);
+                Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Cookie=%llu, name=%s", c.argu.pcName,
+                    (unsigned long long)cookie, name);
+                if (plus) {
+                    WritePostOpAttr(c, joined ? full : nullptr);
+                    post_op_fh3 fh;
+                    fh.handle_follows = joined && GetNfsFileHandle(c.param, &c.argu, full, &fh.handle);
+                    Write(c.out, fh);
+                }
+            }
+        }
+    }
+    WriteBool(c.out, false);  // no further entry
+    WriteBool(c.out, eof);
+    return End(c);
+}
+
+// ---- file system information -------------------------------------------------------
+
+int CNfs3Prog::ProcedureFSSTAT(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureFSSTAT", in, out, param);
+    ReadObject(c);
+    fattr3 attr;
+    c.stat = CheckObject(c, attr);
+    WriteStatus(c);
+    if (c.stat != NFS3_OK) {
+        WritePostOpAttr(out, nullptr);
+        return End(c);
+    }
+    WritePostOpAttr(out, &attr);
+    WriteUint64(out, CUtilities::GetTotalDiskSpace(c.path));
+    WriteUint64(out, CUtilities::GetFreeDiskSpace(c.path));
+    WriteUint64(out, CUtilities::GetFreeDiskSpaceAvailableToCaller(c.path));
+    WriteUint64(out, CUtilities::GetTotalFileSlots(c.path));
+    WriteUint64(out, CUtilities::GetFreeFileSlots(c.path));
+    WriteUint64(out, CUtilities::GetFreeFileSlotsAvailableToCaller(c.path));
+    WriteUint32(out, 0);  // invarsec: the figures may change at any moment
+    return End(c);
+}
+
+int CNfs3Prog::ProcedureFSINFO(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureFSINFO", in, out, param);
+    ReadObject(c);
+    fattr3 attr;
+    c.stat = CheckObject(c, attr);
+    WriteStatus(c);
+    if (c.stat != NFS3_OK) {
+        WritePostOpAttr(out, nullptr);
+        return End(c);
+    }
+    WritePostOpAttr(out, &attr);
+    WriteUint32(out, FSINFO_RTMAX);
+    WriteUint32(out, FSINFO_RTPREF);
+    WriteUint32(out, FSINFO_RTMULT);
+    WriteUint32(out, FSINFO_WTMAX);
+    WriteUint32(out, FSINFO_WTPREF);
+    WriteUint32(out, FSINFO_WTMULT);
+    WriteUint32(out, FSINFO_DTPREF);
+    WriteUint64(out, CUtilities::GetMaxFileSize(c.path));
+    nfstime3 timeDelta;
+    timeDelta.seconds = 1;
+    Write(out, timeDelta);
+    WriteUint32(out, m_iFSF3Properties);
+    return End(c);
+}
+
+int CNfs3Prog::ProcedurePATHCONF(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedurePATHCONF", in, out, param);
+    // The handle is stepped over, so the mount check always refuses.
+    SkipObject(c);
+    c.stat = CheckMount(c);
+    WriteStatus(c);
+    WritePostOpAttr(out, nullptr);
+    if (c.stat == NFS3_OK) {
+        WriteUint32(out, 0);    // linkmax
+        WriteUint32(out, 255);  // name_max
+        WriteBool(out, false);  // no_trunc
+        WriteBool(out, true);   // chown_restricted
+        WriteBool(out, true);   // case_insensitive
+        WriteBool(out, true);   // case_preserving
+    }
+    return End(c);
+}
+
+// ---- procedures served by a later version of this program ---------------------------
+
+int CNfs3Prog::ProcedureREAD(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureWRITE(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureCREATE(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureMKDIR(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureSYMLINK(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureMKNOD(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureREMOVE(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureRMDIR(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureRENAME(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureLINK(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+int CNfs3Prog::ProcedureCOMMIT(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    return ProcedureNOIMP(in, out, param);
+}
+
+// ---- paths, checks and attributes ----------------------------------------------------
+
+bool CNfs3Prog::ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, char* path) {
+    path[0] = '\0';
+    opaque handle;
+    Read(in, &handle);
+    // The ID sits in the first 4 bytes; a shorter handle names no file
+    // (nothing behind its own bytes is ever taken for it).
+    if (m_pUtilities == nullptr || handle.iBufLen < sizeof(unsigned int)) return false;
+    CRuntimeParam* rp = RuntimeOf(param);
+    if (!m_pUtilities->GetFilePath(rp, handle.pBuf, path, (int)PATH_BUFFER_SIZE)) {
+        path[0] = '\0';
+        return false;
+    }
+    Log(rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Path = %s", NameOf(argu), path);
+    return true;
+}
+
+bool CNfs3Prog::ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, diropargs3* args, char* path) {
+    path[0] = '\0';
+    args->name.sPath[0] = '\0';
+    // On an unknown directory the name stays unread.
+    if (!ReadPath(param, argu, in, args->dir.sPath)) return false;
+    Read(in, &args->name, false);
+    CRuntimeParam* rp = RuntimeOf(param);
+    Log(rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Read path=%s, name=%s", NameOf(argu), args->dir.sPath,
+        args->name.sPath);
+    char joined[PATH_BUFFER_SIZE];
+    if (!AppendFilePath(args->dir.sPath, args->name.sPath, joined)) return false;
+    m_pUtilities->GetCanonicalPath(rp, argu, path, joined);
+    Log(rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Path = %s", NameOf(argu), path);
+    return true;
+}
+
+nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* param, LogArgu* argu, const char* path) {
+    CRuntimeParam* rp = RuntimeOf(param);
+    MountInfo mount;
+    if (path != nullptr && m_pUtilities != nullptr && m_pUtilities->GetMountInfoByPath(rp, argu, path, &mount)) {
+        // Everything the call logs or reports from here on is the mount's.
+        if (rp) {
+            rp->SetID(mount.sExportName.c_str());
+            rp->SetIpcID(mount.sIcpID.c_str());
+        }
+        return NFS3_OK;
+    }
+    Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Path record not found", NameOf(argu));
+    return NFS3ERR_IO;
+}
+
+nfsstat3 CNfs3Prog::CheckPath(const char* path, bool mustExist) {
+    if (path == nullptr) return NFS3ERR_STALE;
+    if (!mustExist) return NFS3_OK;
+    return CUtilities::OS_IsFileExists(path, nullptr) ? NFS3_OK : NFS3ERR_IO;
+}
+
+bool CNfs3Prog::GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char* path, nfs_fh3* fh) {
+    if (fh == nullptr || m_pUtilities == nullptr) return false;
+    return m_pUtilities->GetFileHandle(RuntimeOf(param), argu, path, fh->cHandle, (int)FILE_HANDLE_SIZE);
+}
+
+bool CNfs3Prog::GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr) {
+    if (path == nullptr || attr == nullptr || m_pUtilities == nullptr) return false;
+    CRuntimeParam* rp = RuntimeOf(param);
+    struct stat st;
+    if (m_pUtilities->OS_GetFileStat(rp, argu, path, &st, nullptr) != 0) return false;
+    attr->type = FileTypeOf(st.st_mode);
+    // The old 8-bit major and minor: of the special file for devices, of the
+    // file system that holds the file for everything else.
+    unsigned long long device = (attr->type == NF3CHR || attr->type == NF3BLK) ? st.st_rdev : st.st_dev;
+    attr->rdev.specdata1 = (uint32_t)((device >> 8) & 0xFF);
+    attr->rdev.specdata2 = (uint32_t)(device & 0xFF);
+    attr->mode = ConvertFileModeToNfsFileMode((uint32_t)st.st_mode);
+    attr->nlink = (uint32_t)st.st_nlink;
+    attr->fsid = CUtilities::GetFileSystemID(path);
+    // A redirected file reports its virtual size.
+    attr->size = attr->type == NF3REG ? (uint64_t)m_pUtilities->GetFileSize(rp, argu, path, (long long)st.st_size)
+                                      : (uint64_t)st.st_size;
+    attr->used = attr->size;
+    attr->uid = (uint32_t)st.st_uid;
+    attr->gid = (uint32_t)st.st_gid;
+    attr->fileid = (uint64_t)st.st_ino;
+    attr->atime = nfstime3{(uint32_t)st.st_atime, 0};
+    attr->mtime = nfstime3{(uint32_t)st.st_mtime, 0};
+    attr->ctime = nfstime3{(uint32_t)st.st_ctime, 0};
+    Log(rp, CRuntimeParam::LOG_PROC_FUNC_ARGU,
+        "[%s] Path=%s, type=%u, mode=%x, nlink=%u, uid=%u, gid=%u, size=%lld, used=%lld, rdev.1=%u, rdev.2=%u, "
+        "fsid=%llu, atime.s=%u, atime.ns=%u, mtime.s=%u, mtime.ns=%u, ctime.s=%u, ctime.ns=%u",
+        NameOf(argu), path, attr->type, attr->mode, attr->nlink, attr->uid, attr->gid, (long long)attr->size,
+        (long long)attr->used, attr->rdev.specdata1, attr->rdev.specdata2, (unsigned long long)attr->fsid,
+        attr->atime.seconds, attr->atime.nseconds, attr->mtime.seconds, attr->mtime.nseconds, attr->ctime.seconds,
+        attr->ctime.nseconds);
+    return true;
+}
+
+bool CNfs3Prog::GetNfsFileAttributes(const char*, wcc_attr*) { return false; }
+
+uint32_t CNfs3Prog::ConvertFileModeToNfsFileMode(uint32_t mode) { return mode & MODE_KEPT_BITS; }
+
+uint32_t CNfs3Prog::ConvertNfsFileModeToFileMode(uint32_t mode) { return mode & MODE_KEPT_BITS; }
+
+bool CNfs3Prog::AppendFilePath(const char* dir, const char* name, char* out) {
+    if (out == nullptr) return false;
+    out[0] = '\0';
+    if (dir == nullptr || name == nullptr) return false;
+    int n = snprintf(out, PATH_BUFFER_SIZE, "%s%c%s", dir, 47, name);
+    if (n < 0 || (size_t)n >= PATH_BUFFER_SIZE) {
+        // A cut path would name some other file.
+        out[0] = '\0';
+        return false;
+    }
+    return true;
+}
+
+bool CNfs3Prog::IsInVaildDirName(const char* name) {
+    return name == nullptr || strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// ---- XDR readers ---------------------------------------------------------------------
+
+bool CNfs3Prog::ReadBool(CInputStream* in) { return ReadUint32(in) == 1; }
+
+uint32_t CNfs3Prog::ReadUint32(CInputStream* in) {
+    uint32_t v;
+    in->Read(&v);
+    return v;
+}
+
+uint64_t CNfs3Prog::ReadUint64(CInputStream* in) {
+    uint64_t v;
+    in->Read8(&v);
+    return v;
+}
+
+void CNfs3Prog::Read(CInputStream* in, nfstime3* v) {
+    v->seconds = ReadUint32(in);
+    v->nseconds = ReadUint32(in);
+}
+
+void CNfs3Prog::Read(CInputStream* in, opaque* v) {
+    v->iBufLen = ReadUint32(in);
+    v->pBuf = in->GetCurrentBuffer();
+    in->Skip(v->iBufLen);
+    in->SkipRemainOpaque(v->iBufLen);
+}
+
+void CNfs3Prog::Read(CInputStream* in, filename3* v, bool skip) {
+    uint32_t length = ReadUint32(in);
+    if (v) v->sPath[0] = '\0';
+    if (!skip && v && length < PATH_BUFFER_SIZE) {
+        in->Read(v->sPath, length);
+        v->sPath[length] = '\0';
+    } else {
+        in->Skip(length);
+    }
+    in->SkipRemainOpaque(length);
+}
+
+void CNfs3Prog::Read(CInputStream* in, sattr3* v, bool skip) {
+    *v = sattr3();
+    // A value behind a set flag: read, or stepped over and unset.
+    auto word = [in, skip](bool& set, uint32_t& value) {
+        set = ReadBool(in);
+        if (!set) return;
+        if (skip) {
+            in->Skip(4);
+            set = false;
+        } else {
+            value = ReadUint32(in);
+        }
+    };
+    auto time = [in, skip](uint32_t& how, nfstime3& value) {
+        how = ReadUint32(in);
+        if (how != SET_TO_CLIENT_TIME) return;  // server time keeps its how with a zero time
+        if (skip) {
+            in->Skip(8);
+            how = DONT_CHANGE;
+        } else {
+            Read(in, &value);
+        }
+    };
+    word(v->mode.set_it, v->mode.mode);
+    word(v->uid.set_it, v->uid.uid);
+    word(v->gid.set_it, v->gid.gid);
+    v->size.set_it = ReadBool(in);
+    if (v->size.set_it) {
+        if (skip) {
+            in->Skip(8);
+            v->size.set_it = false;
+        } else {
+            v->size.size = ReadUint64(in);
+        }
+    }
+    time(v->atime.set_it, v->atime.atime);
+    time(v->mtime.set_it, v->mtime.mtime);
+}
+
+void CNfs3Prog::Read(CInputStream* in, sattrguard3* v) {
+    *v = sattrguard3();
+    v->check = ReadBool(in);
+    if (v->check) Read(in, &v->obj_ctime);
+}
+
+void CNfs3Prog::Read(CInputStream* in, createhow3* v) {
+    *v = createhow3();
+    v->mode = ReadUint32(in);
+    if (v->mode == UNCHECKED || v->mode == GUARDED)
+        Read(in, &v->obj_attributes, false);
+    else if (v->mode == EXCLUSIVE)
+        v->verf = ReadUint64(in);
+}
+
+void CNfs3Prog::Read(CInputStream* in, mknoddata3* v, bool skip) {
+    *v = mknoddata3();
+    v->type = ReadUint32(in);
+    if (v->type == NF3CHR || v->type == NF3BLK) {
+        Read(in, &v->dev_attributes, skip);
+        if (skip) {
+            in->Skip(8);
+        } else {
+            v->dev_spec.specdata1 = ReadUint32(in);
+            v->dev_spec.specdata2 = ReadUint32(in);
+        }
+    } else if (v->type == NF3SOCK || v->type == NF3FIFO) {
+        Read(in, &v->pipe_attributes, skip);
+    }
+}
+
+// ---- XDR writers ---------------------------------------------------------------------
+
+void CNfs3Prog::WriteBool(COutputStream* out, bool v) { out->Write((uint32_t)(v ? 1 : 0)); }
+
+void CNfs3Prog::WriteUint32(COutputStream* out, uint32_t v) { out->Write(v); }
+
+void CNfs3Prog::WriteUint64(COutputStream* out, uint64_t v) { out->Write8(v); }
+
+void CNfs3Prog::Write(COutputStream* out, const nfstime3& v) {
+    WriteUint32(out, v.seconds);
+    WriteUint32(out, v.nseconds);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const specdata3& v) {
+    WriteUint32(out, v.specdata1);
+    WriteUint32(out, v.specdata2);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const fattr3& v) {
+    WriteUint32(out, v.type);
+    WriteUint32(out, v.mode);
+    WriteUint32(out, v.nlink);
+    WriteUint32(out, v.uid);
+    WriteUint32(out, v.gid);
+    WriteUint64(out, v.size);
+    WriteUint64(out, v.used);
+    Write(out, v.rdev);
+    WriteUint64(out, v.fsid);
+    WriteUint64(out, v.fileid);
+    Write(out, v.atime);
+    Write(out, v.mtime);
+    Write(out, v.ctime);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const opaque& v, bool lengthOnly) {
+    WriteUint32(out, v.iBufLen);
+    if (lengthOnly) return;
+    out->Write(v.pBuf, v.iBufLen);
+    out->WriteRemainOpaque(v.iBufLen);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const filename3& v, bool lengthOnly) {
+    opaque text;
+    text.pBuf = reinterpret_cast<const unsigned char*>(v.sPath);
+    text.iBufLen = (uint32_t)strnlen(v.sPath, sizeof v.sPath);
+    Write(out, text, lengthOnly);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const nfs_fh3& v, bool lengthOnly) {
+    WriteUint32(out, (uint32_t)FILE_HANDLE_SIZE);
+    if (!lengthOnly) out->Write(v.cHandle, (uint32_t)FILE_HANDLE_SIZE);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const post_op_attr& v) {
+    WriteBool(out, v.attributes_follow);
+    if (v.attributes_follow) Write(out, v.attributes);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const wcc_attr& v) {
+    WriteUint64(out, v.size);
+    Write(out, v.mtime);
+    Write(out, v.ctime);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const pre_op_attr& v) {
+    WriteBool(out, v.attributes_follow);
+    if (v.attributes_follow) Write(out, v.attributes);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const wcc_data& v) {
+    Write(out, v.before);
+    Write(out, v.after);
+}
+
+void CNfs3Prog::Write(COutputStream* out, const post_op_fh3& v) {
+    WriteBool(out, v.handle_follows);
+    if (v.handle_follows) Write(out, v.handle, false);
+}

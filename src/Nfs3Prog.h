@@ -1,0 +1,354 @@
+#pragma once
+
+#include <cstdint>
+
+#include "FileTable.h"
+#include "RpcProg.h"
+#include "RuntimeParam.h"
+#include "Utilities.h"
+
+// ---- NFS version 3 records (RFC 1813 names) ----------------------------------
+
+enum nfsstat3 : uint32_t {
+    NFS3_OK = 0,
+    NFS3ERR_NOENT = 2,
+    NFS3ERR_IO = 5,
+    NFS3ERR_ACCES = 13,
+    NFS3ERR_EXIST = 17,
+    NFS3ERR_INVAL = 22,
+    NFS3ERR_FBIG = 27,
+    NFS3ERR_STALE = 70,
+    NFS3ERR_NOT_SYNC = 10002,
+    NFS3ERR_NOTSUPP = 10004,
+    NFS3ERR_BADTYPE = 10007,
+};
+
+enum ftype3 : uint32_t {
+    NF3REG = 1,
+    NF3DIR = 2,
+    NF3BLK = 3,
+    NF3CHR = 4,
+    NF3LNK = 5,
+    NF3SOCK = 6,
+    NF3FIFO = 7,
+};
+
+enum time_how : uint32_t { DONT_CHANGE = 0, SET_TO_SERVER_TIME = 1, SET_TO_CLIENT_TIME = 2 };
+enum createmode3 : uint32_t { UNCHECKED = 0, GUARDED = 1, EXCLUSIVE = 2 };
+enum stable_how : uint32_t { UNSTABLE = 0, DATA_SYNC = 1, FILE_SYNC = 2 };
+
+// Bits of the ACCESS call.
+enum : uint32_t {
+    ACCESS3_READ = 0x01,
+    ACCESS3_LOOKUP = 0x02,
+    ACCESS3_MODIFY = 0x04,
+    ACCESS3_EXTEND = 0x08,
+    ACCESS3_DELETE = 0x10,
+    ACCESS3_EXECUTE = 0x20,
+};
+
+// Bits of the FSINFO properties.
+enum : uint32_t {
+    FSF3_LINK = 0x0001,
+    FSF3_SYMLINK = 0x0002,
+    FSF3_HOMOGENEOUS = 0x0008,
+    FSF3_CANSETTIME = 0x0010,
+};
+
+// Variable-length opaque data left in the input buffer: pBuf points into it
+// and is valid only during the call.
+struct opaque {
+    const unsigned char* pBuf = nullptr;
+    uint32_t iBufLen = 0;
+};
+
+// A name or path carried as an XDR string.
+struct COpaquePath {
+    char sPath[PATH_BUFFER_SIZE] = "";
+};
+typedef COpaquePath filename3;
+
+struct specdata3 {
+    uint32_t specdata1 = 0;
+    uint32_t specdata2 = 0;
+};
+
+struct nfstime3 {
+    uint32_t seconds = 0;
+    uint32_t nseconds = 0;
+};
+
+struct sattrguard3 {
+    bool check = false;
+    nfstime3 obj_ctime;
+};
+
+struct fattr3 {
+    uint32_t type = 0;  // an ftype3, or 0 for a file type NFS has no name for
+    uint32_t mode = 0;
+    uint32_t nlink = 0;
+    uint32_t uid = 0;
+    uint32_t gid = 0;
+    uint64_t size = 0;
+    uint64_t used = 0;
+    specdata3 rdev;
+    uint64_t fsid = 0;
+    uint64_t fileid = 0;
+    nfstime3 atime;
+    nfstime3 mtime;
+    nfstime3 ctime;
+};
+
+struct post_op_attr {
+    bool attributes_follow = false;
+    fattr3 attributes;
+};
+
+struct wcc_attr {
+    uint64_t size = 0;
+    nfstime3 mtime;
+    nfstime3 ctime;
+};
+
+struct pre_op_attr {
+    bool attributes_follow = false;
+    wcc_attr attributes;
+};
+
+struct wcc_data {
+    pre_op_attr before;
+    post_op_attr after;
+};
+
+struct post_op_fh3 {
+    bool handle_follows = false;
+    nfs_fh3 handle{};
+};
+
+struct set_mode3 {
+    bool set_it = false;
+    uint32_t mode = 0;
+};
+
+struct set_uid3 {
+    bool set_it = false;
+    uint32_t uid = 0;
+};
+
+struct set_gid3 {
+    bool set_it = false;
+    uint32_t gid = 0;
+};
+
+struct set_size3 {
+    bool set_it = false;
+    uint64_t size = 0;
+};
+
+struct set_atime {
+    uint32_t set_it = DONT_CHANGE;  // a time_how
+    nfstime3 atime;
+};
+
+struct set_mtime {
+    uint32_t set_it = DONT_CHANGE;  // a time_how
+    nfstime3 mtime;
+};
+
+struct sattr3 {
+    set_mode3 mode;
+    set_uid3 uid;
+    set_gid3 gid;
+    set_size3 size;
+    set_atime atime;
+    set_mtime mtime;
+};
+
+struct diropargs3 {
+    filename3 dir;   // the directory's path
+    filename3 name;  // the entry's name as sent
+};
+
+struct createhow3 {
+    uint32_t mode = UNCHECKED;  // a createmode3
+    sattr3 obj_attributes;
+    uint64_t verf = 0;
+};
+
+struct mknoddata3 {
+    uint32_t type = 0;  // an ftype3
+    sattr3 dev_attributes;
+    specdata3 dev_spec;
+    sattr3 pipe_attributes;
+};
+
+// ---- the program ---------------------------------------------------------------
+
+// NFS version 3: decodes the procedure number and runs one of the 22
+// procedure handlers. Every handler is built from the shared steps below
+// (NfsCall, ReadPath, CheckObject, the reply writers), so that it holds only
+// its own logic; it always writes a complete reply body, status first, and
+// returns 0. Failures reach the client as the status in the body.
+class CNfs3Prog : public CRpcProg {
+public:
+    static constexpr unsigned int PROCEDURE_COUNT = 22;
+
+    explicit CNfs3Prog(CUtilities* utilities);
+    ~CNfs3Prog() override;
+
+    int Process(CInputStream* in, COutputStream* out, ProcessParam* param) override;
+    unsigned int GetVersion() override { return 3; }
+    unsigned int GetMaxSupportProc() override { return PROCEDURE_COUNT; }
+
+    void SetUserID(unsigned int uid, unsigned int gid);
+    void SetReadOnly(bool flag) { m_bReadOnly = flag; }
+    unsigned int GetUserID() const { return m_iUId; }
+    unsigned int GetGroupID() const { return m_iGId; }
+    bool IsReadOnly() const { return m_bReadOnly; }
+    // The program's start time in milliseconds, its boot instance.
+    unsigned long long GetSysUpTime() const { return m_iSysUpTime; }
+
+    // ---- procedure handlers (RFC 1813 numbering) -------------------------------
+    int ProcedureNULL(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureGETATTR(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureSETATTR(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureLOOKUP(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureACCESS(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureREADLINK(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureREAD(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureWRITE(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureCREATE(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureMKDIR(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureSYMLINK(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureMKNOD(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureREMOVE(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureRMDIR(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureRENAME(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureLINK(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureREADDIR(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureREADDIRPLUS(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureFSSTAT(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureFSINFO(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedurePATHCONF(CInputStream* in, COutputStream* out, ProcessParam* param);
+    int ProcedureCOMMIT(CInputStream* in, COutputStream* out, ProcessParam* param);
+    // Answers "procedure unavailable" (result 2).
+    int ProcedureNOIMP(CInputStream* in, COutputStream* out, ProcessParam* param);
+
+    // ---- shared operations -------------------------------------------------------
+    // Reads a handle and resolves it to its path (PATH_BUFFER_SIZE bytes);
+    // false, with the path empty, when it names no file.
+    bool ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, char* path);
+    // Reads directory arguments: the directory's path into args->dir, the
+    // name into args->name and the entry's canonical path into path. When the
+    // directory handle does not resolve, returns false at once and leaves the
+    // name unread.
+    bool ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, diropargs3* args, char* path);
+    // NFS3_OK when path lies in an export, which then becomes the call's ID
+    // and IPC ID; NFS3ERR_IO otherwise.
+    nfsstat3 CheckProcessParam(ProcessParam* param, LogArgu* argu, const char* path);
+    // NFS3ERR_STALE for a null path; with mustExist, NFS3ERR_IO for a missing one.
+    nfsstat3 CheckPath(const char* path, bool mustExist);
+    bool GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char* path, nfs_fh3* fh);
+    bool GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr);
+    // Pre-operation attributes are never taken: always false, attr untouched.
+    bool GetNfsFileAttributes(const char* path, wcc_attr* attr);
+
+    // Keep the set-ID and permission bits, drop the sticky bit and the file
+    // type; the same rule both ways.
+    static uint32_t ConvertFileModeToNfsFileMode(uint32_t mode);
+    static uint32_t ConvertNfsFileModeToFileMode(uint32_t mode);
+    // Writes dir + "/" + name into out (PATH_BUFFER_SIZE bytes). False, with
+    // out empty, when an argument is null or the result does not fit.
+    static bool AppendFilePath(const char* dir, const char* name, char* out);
+    // True for a null name, "." and "..".
+    static bool IsInVaildDirName(const char* name);
+
+    // ---- XDR readers: a short input throws CDataTruncatedExpt -------------------
+    static bool ReadBool(CInputStream* in);
+    static uint32_t ReadUint32(CInputStream* in);
+    static uint64_t ReadUint64(CInputStream* in);
+    static void Read(CInputStream* in, nfstime3* v);
+    static void Read(CInputStream* in, opaque* v);
+    // skip: step over the name; otherwise names of PATH_BUFFER_SIZE bytes or
+    // more are stepped over and read as empty.
+    static void Read(CInputStream* in, filename3* v, bool skip);
+    // skip: step over every value present and mark it unset.
+    static void Read(CInputStream* in, sattr3* v, bool skip);
+    static void Read(CInputStream* in, sattrguard3* v);
+    static void Read(CInputStream* in, createhow3* v);
+    static void Read(CInputStream* in, mknoddata3* v, bool skip);
+
+    // ---- XDR writers ---------------------------------------------------------------
+    static void WriteBool(COutputStream* out, bool v);
+    static void WriteUint32(COutputStream* out, uint32_t v);
+    static void WriteUint64(COutputStream* out, uint64_t v);
+    static void Write(COutputStream* out, const nfstime3& v);
+    static void Write(COutputStream* out, const specdata3& v);
+    static void Write(COutputStream* out, const fattr3& v);
+    // lengthOnly: write the length word only; the caller writes the bytes.
+    static void Write(COutputStream* out, const opaque& v, bool lengthOnly);
+    static void Write(COutputStream* out, const filename3& v, bool lengthOnly);
+    static void Write(COutputStream* out, const nfs_fh3& v, bool lengthOnly);
+    static void Write(COutputStream* out, const post_op_attr& v);
+    static void Write(COutputStream* out, const wcc_attr& v);
+    static void Write(COutputStream* out, const pre_op_attr& v);
+    static void Write(COutputStream* out, const wcc_data& v);
+    static void Write(COutputStream* out, const post_op_fh3& v);
+
+protected:
+    // One call being served: its streams and parameters, the handler's name
+    // (the LogArgu of everything the call does), the status so far and the
+    // path of the object. Creating it logs the handler's entry line.
+    struct NfsCall {
+        NfsCall(CNfs3Prog* prog, const char* name, CInputStream* in, COutputStream* out, ProcessParam* param);
+        NfsCall(const NfsCall&) = delete;
+        NfsCall& operator=(const NfsCall&) = delete;
+
+        CInputStream* in;
+        COutputStream* out;
+        ProcessParam* param;
+        CRuntimeParam* rp;  // param's runtime parameters; may be null
+        LogArgu argu;
+        nfsstat3 stat = NFS3_OK;
+        char path[PATH_BUFFER_SIZE] = "";
+    };
+
+    // Common steps of the handlers.
+    // Reads the object handle into c.path.
+    bool ReadObject(NfsCall& c) { return ReadPath(c.param, &c.argu, c.in, c.path); }
+    // Reads a handle as a skipped name: c.path stays empty, so the mount
+    // check that follows refuses it.
+    void SkipObject(NfsCall& c);
+    // Mount check of c.path.
+    nfsstat3 CheckMount(NfsCall& c);
+    // Mount check of c.path, then (when it passes) the existence check.
+    nfsstat3 CheckObject(NfsCall& c, bool mustExist);
+    // CheckObject(c, true), then the attributes; NFS3ERR_IO when they cannot
+    // be built.
+    nfsstat3 CheckObject(NfsCall& c, fattr3& attr);
+    // Applies attr to c.path as SETATTR does; NFS3ERR_INVAL when the time
+    // cannot be set or the file service fails.
+    nfsstat3 ApplyAttributes(NfsCall& c, const sattr3& attr);
+    // Writes c.stat.
+    void WriteStatus(NfsCall& c) { WriteUint32(c.out, c.stat); }
+    // A post_op_attr: present with *attr, absent for null.
+    static void WritePostOpAttr(COutputStream* out, const fattr3* attr);
+    // The attributes of c.path as a post_op_attr, absent when they cannot be built.
+    void WritePostOpAttr(NfsCall& c, const char* path);
+    // A wcc_data whose before and after are both absent.
+    static void WriteEmptyWccData(COutputStream* out);
+    // Logs the end line with c.stat; the handler's result (0).
+    int End(NfsCall& c);
+
+    // Line gated by one log bit; LOG_ERROR lines go out as errors.
+    void Log(CRuntimeParam* rp, int bit, const char* fmt, ...) __attribute__((format(printf, 4, 5)));
+
+    // READDIR and READDIRPLUS: the same listing, plus attributes and handles.
+    int ListDirectory(NfsCall& c, bool plus);
+
+    unsigned int m_iUId = 0;
+    unsigned int m_iGId = 0;
+    unsigned long long m_iSysUpTime;
+    unsigned int m_iFSF3Properties = FSF3_HOMOGENEOUS | FSF3_CANSETTIME;
+    bool m_bReadOnly = false;
+};
