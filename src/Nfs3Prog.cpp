@@ -503,7 +503,10 @@ nfsstat3 CNfs3Prog::ReadIntoReply(NfsCall& c, uint64_t offset, uint32_t count, u
             c.argu.pcName, c.path, (unsigned long long)offset, count);
         return NFS3ERR_INVAL;
     }
-    if (count == 0) return NFS3_OK;
+    // No file reaches past 2^63 - 1, and the system cannot seek there: such
+    // an offset is past the end (a failed seek would read wherever the
+    // cached descriptor happens to stand).
+    if (count == 0 || offset > (uint64_t)INT64_MAX) return NFS3_OK;
     int result = m_pUtilities->ReadFile(c.rp, &c.argu, c.path, offset, SEEK_SET,
                                         c.out->GetCurrentBuffer() + READ_HEADER_SIZE,
                                         count < READ_MAX_COUNT ? count : READ_MAX_COUNT, eof);
