@@ -34,7 +34,7 @@ const char* const MOUNT_OPTIONS = "nfsport=2049&mountport=1058&auto-traverse-mou
 constexpr size_t CHUNK = 4 << 20;  // bytes handed to libnfs per call; it splits them into RPCs
 
 // Size of the large copy: 300 MiB, or NFSENGINE_LARGE_COPY_MIB when set
-// (the sanitizer build sets a smaller one to keep the suite short).
+// (for a build too slow to copy 300 MiB in reasonable time).
 uint64_t LargeCopyBytes() {
     const char* mib = getenv("NFSENGINE_LARGE_COPY_MIB");
     uint64_t n = mib && *mib ? strtoull(mib, nullptr, 10) : 300;
