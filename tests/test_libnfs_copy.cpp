@@ -63,7 +63,13 @@ class Checksum {
 public:
     void Update(const unsigned char* p, size_t n) {
         m_total += n;
-        while (n > 0 && m_carried > 0) {
+        while (n > 0) {
+            if (m_carried == 0 && n >= 8) {  // whole words straight from the input
+                MixWord(p);
+                p += 8;
+                n -= 8;
+                continue;
+            }
             m_carry[m_carried++] = *p++;
             --n;
             if (m_carried == 8) {
@@ -71,8 +77,6 @@ public:
                 m_carried = 0;
             }
         }
-        for (; n >= 8; p += 8, n -= 8) MixWord(p);
-        for (; n > 0; --n) m_carry[m_carried++] = *p++;
     }
     uint64_t Value() const {
         unsigned char last[8] = {};
