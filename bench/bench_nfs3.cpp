@@ -1,7 +1,8 @@
 // NFSv3 handlers called straight through CNfs3Prog::Process on in-memory
-// streams (no sockets): GETATTR of a file, and the listing of a whole
-// folder page by page with READDIR and READDIRPLUS. Argument: the number of
-// entries in the folder.
+// streams (no sockets): GETATTR of a file, the listing of a whole folder
+// page by page with READDIR and READDIRPLUS (argument: the number of
+// entries in the folder), and READ and WRITE through a 16 MiB file at
+// moving offsets (argument: the bytes per call).
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -96,6 +97,54 @@ private:
     std::string m_root;
 };
 
+void PutWord64(std::string& b, uint64_t v) {
+    PutWord(b, (uint32_t)(v >> 32));
+    PutWord(b, (uint32_t)v);
+}
+
+constexpr uint64_t DATA_FILE_SIZE = 16 << 20;
+
+// A file of DATA_FILE_SIZE bytes in the bench's folder; its handle arguments.
+std::string DataFile(Bench& bench) {
+    std::string path = bench.Root() + "/vm-disk-0-flat.vmdk";
+    if (truncate(path.c_str(), (off_t)DATA_FILE_SIZE) != 0) fprintf(stderr, "could not size %s\n", path.c_str());
+    return bench.HandleArgs(path);
+}
+
+void BM_Read(benchmark::State& state) {
+    Bench bench(1);
+    std::string handle = DataFile(bench);
+    const uint32_t count = (uint32_t)state.range(0);
+    uint64_t offset = 0;
+    for (auto _ : state) {
+        std::string args = handle;
+        PutWord64(args, offset);
+        PutWord(args, count);
+        benchmark::DoNotOptimize(bench.Call(6, args));
+        offset = (offset + count) % DATA_FILE_SIZE;
+    }
+    state.SetBytesProcessed((int64_t)state.iterations() * count);
+}
+
+void BM_Write(benchmark::State& state) {
+    Bench bench(1);
+    std::string handle = DataFile(bench);
+    const uint32_t count = (uint32_t)state.range(0);
+    const std::string data(count, 'w');
+    uint64_t offset = 0;
+    for (auto _ : state) {
+        std::string args = handle;
+        PutWord64(args, offset);
+        PutWord(args, count);
+        PutWord(args, 0);  // UNSTABLE
+        PutWord(args, count);
+        args += data;
+        benchmark::DoNotOptimize(bench.Call(7, args));
+        offset = (offset + count) % DATA_FILE_SIZE;
+    }
+    state.SetBytesProcessed((int64_t)state.iterations() * count);
+}
+
 void BM_Getattr(benchmark::State& state) {
     Bench bench(1);
     std::string args = bench.HandleArgs(bench.Root() + "/vm-disk-0-flat.vmdk");
@@ -119,6 +168,8 @@ void BM_ReaddirplusWholeFolder(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_Getattr);
+BENCHMARK(BM_Read)->Arg(4096)->Arg(65536);
+BENCHMARK(BM_Write)->Arg(4096)->Arg(16384);
 BENCHMARK(BM_ReaddirWholeFolder)->Arg(10)->Arg(100)->Arg(1000);
 BENCHMARK(BM_ReaddirplusWholeFolder)->Arg(10)->Arg(100)->Arg(1000);
 BENCHMARK_MAIN();

@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint32_t MODE_KEPT_BITS = 0xDFF;  // set-ID bits and permissions; never the sticky bit 0x200
 constexpr int DIRECTORY_PAGE_ENTRIES = 10;
+constexpr int DEFAULT_FOLDER_MODE = 0755;
 
 // FSINFO's fixed transfer sizes; they match the caps of READ and WRITE.
 constexpr uint32_t FSINFO_RTMAX = 65536;
@@ -24,6 +25,11 @@ constexpr uint32_t FSINFO_WTMAX = 16384;
 constexpr uint32_t FSINFO_WTPREF = 16384;
 constexpr uint32_t FSINFO_WTMULT = 512;
 constexpr uint32_t FSINFO_DTPREF = 8192;
+constexpr uint32_t READ_MAX_COUNT = FSINFO_RTMAX;
+constexpr uint32_t WRITE_MAX_COUNT = FSINFO_WTMAX;
+// What a successful READ puts between its status and its data: the file's
+// post_op_attr (absent), count, eof and the data's length word.
+constexpr uint32_t READ_HEADER_SIZE = 4 * 4;
 
 const char* NameOf(const LogArgu* argu) { return argu && argu->pcName ? argu->pcName : ""; }
 CRuntimeParam* RuntimeOf(ProcessParam* param) { return param ? param->pRuntimeParam : nullptr; }
@@ -125,6 +131,11 @@ void CNfs3Prog::SkipObject(NfsCall& c) {
     c.path[0] = '\0';
 }
 
+void CNfs3Prog::SkipEntry(NfsCall& c) {
+    SkipObject(c);
+    Read(c.in, static_cast<filename3*>(nullptr), true);
+}
+
 nfsstat3 CNfs3Prog::CheckMount(NfsCall& c) { return CheckProcessParam(c.param, &c.argu, c.path); }
 
 nfsstat3 CNfs3Prog::CheckObject(NfsCall& c, bool mustExist) {
@@ -150,6 +161,30 @@ void CNfs3Prog::WritePostOpAttr(NfsCall& c, const char* path) {
 }
 
 void CNfs3Prog::WriteEmptyWccData(COutputStream* out) { Write(out, wcc_data()); }
+
+nfsstat3 CNfs3Prog::CheckOldEntry(NfsCall& c) {
+    nfsstat3 stat = CheckObject(c, true);
+    // A missing entry is told even to a read-only server's clients.
+    return stat == NFS3ERR_IO ? NFS3ERR_NOENT : RefuseIfReadOnly(stat);
+}
+
+void CNfs3Prog::WriteNewEntryReply(NfsCall& c, const char* made) {
+    WriteStatus(c);
+    if (c.stat == NFS3_OK) {
+        // Taking the handle gives a new entry its file ID.
+        post_op_fh3 fh;
+        fh.handle_follows = made != nullptr && GetNfsFileHandle(c.param, &c.argu, made, &fh.handle);
+        Write(c.out, fh);
+        WritePostOpAttr(c, made);
+    }
+    WriteEmptyWccData(c.out);  // dir_wcc
+}
+
+int CNfs3Prog::EndWithWccData(NfsCall& c, int count) {
+    WriteStatus(c);
+    for (int i = 0; i < count; ++i) WriteEmptyWccData(c.out);
+    return End(c);
+}
 
 nfsstat3 CNfs3Prog::ApplyAttributes(NfsCall& c, const sattr3& attr) {
     // Server time passes as "set" with the zero time the reader left.
@@ -423,40 +458,236 @@ int CNfs3Prog::ProcedurePATHCONF(CInputStream* in, COutputStream* out, ProcessPa
     return End(c);
 }
 
-// ---- procedures served by a later version of this program ---------------------------
+// ---- data procedures -----------------------------------------------------------------
 
 int CNfs3Prog::ProcedureREAD(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
+    NfsCall c(this, "Nfs3Prog.ProcedureREAD", in, out, param);
+    ReadObject(c);
+    uint64_t offset = ReadUint64(in);
+    uint32_t count = ReadUint32(in);
+    c.stat = CheckObject(c, true);
+    const uint32_t start = out->GetBufferIndex();
+    WriteStatus(c);
+    uint32_t read = 0;
+    bool eof = true;
+    if (c.stat == NFS3_OK) {
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Offset=%llu, length=%u", c.argu.pcName,
+            (unsigned long long)offset, count);
+        c.stat = ReadIntoReply(c, offset, count, &read, &eof);
+        if (c.stat != NFS3_OK) {
+            Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Read fail", c.argu.pcName);
+            out->Seek(start, SEEK_SET);
+            WriteStatus(c);
+        }
+    }
+    WritePostOpAttr(out, nullptr);  // file attributes are never sent with READ
+    if (c.stat == NFS3_OK) {
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Read=%u (eof=%s)", c.argu.pcName, read, eof ? "T" : "F");
+        WriteUint32(out, read);
+        WriteBool(out, eof);
+        WriteUint32(out, read);     // the data's length word
+        out->Write(nullptr, read);  // the data is in place already
+        out->WriteRemainOpaque(read);
+    }
+    return End(c);
 }
+
+nfsstat3 CNfs3Prog::ReadIntoReply(NfsCall& c, uint64_t offset, uint32_t count, uint32_t* read, bool* eof) {
+    // The data goes where it will be sent, behind the status and the header
+    // that follows it. Nothing is written into the reply before the read
+    // succeeds, so that a failure leaves no trace of it.
+    const uint32_t free = c.out->GetFreeBufferSize();
+    const uint32_t room = free > READ_HEADER_SIZE ? free - READ_HEADER_SIZE : 0;
+    if (count > room) {
+        Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Count bigger than free buffer (path=%s, offset=%llu length=%u)",
+            c.argu.pcName, c.path, (unsigned long long)offset, count);
+        return NFS3ERR_INVAL;
+    }
+    // No file reaches past 2^63 - 1, and the system cannot seek there: such
+    // an offset is past the end (a failed seek would read wherever the
+    // cached descriptor happens to stand).
+    if (count == 0 || offset > (uint64_t)INT64_MAX) return NFS3_OK;
+    int result = m_pUtilities->ReadFile(c.rp, &c.argu, c.path, offset, SEEK_SET,
+                                        c.out->GetCurrentBuffer() + READ_HEADER_SIZE,
+                                        count < READ_MAX_COUNT ? count : READ_MAX_COUNT, eof);
+    if (result < 0) {
+        Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Read return -1 (path=%s, offset=%llu length=%u)", c.argu.pcName,
+            c.path, (unsigned long long)offset, count);
+        return NFS3ERR_INVAL;
+    }
+    *read = (uint32_t)result;
+    return NFS3_OK;
+}
+
 int CNfs3Prog::ProcedureWRITE(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
+    NfsCall c(this, "Nfs3Prog.ProcedureWRITE", in, out, param);
+    ReadObject(c);
+    uint64_t offset = ReadUint64(in);
+    uint32_t count = ReadUint32(in);
+    ReadUint32(in);  // stable: every write goes through to the file
+    opaque data;
+    Read(in, &data);
+    c.stat = RefuseIfReadOnly(CheckObject(c, true));
+    uint32_t written = 0;
+    if (c.stat == NFS3_OK) {
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Offset=%llu, length=%u, count=%u", c.argu.pcName,
+            (unsigned long long)offset, data.iBufLen, count);
+        const uint64_t maxSize = CUtilities::GetMaxFileSize(c.path);
+        if (offset > maxSize || count > maxSize - offset) {
+            c.stat = NFS3ERR_FBIG;
+        } else if (count != 0) {
+            // The count, not the data's own length, says how much to write;
+            // it is bounded by the bytes received from the data on, so that
+            // nothing outside the input buffer is taken.
+            const uint32_t received = (uint32_t)(in->GetCurrentBuffer() - data.pBuf) + in->GetFilledBufferSize();
+            uint32_t length = count < WRITE_MAX_COUNT ? count : WRITE_MAX_COUNT;
+            if (length > received) length = received;
+            int result = m_pUtilities->WriteFile(c.rp, &c.argu, c.path, offset, SEEK_SET, data.pBuf, length);
+            if (result < 0)
+                c.stat = NFS3ERR_INVAL;
+            else
+                written = (uint32_t)result;
+        }
+    }
+    if (c.stat != NFS3_OK) {
+        Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Write fail", c.argu.pcName);
+        return EndWithWccData(c);
+    }
+    Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Write=%u", c.argu.pcName, written);
+    WriteStatus(c);
+    WriteEmptyWccData(out);
+    WriteUint32(out, written);
+    WriteUint32(out, FILE_SYNC);  // whatever was asked: the data is in the file
+    WriteUint64(out, m_iSysUpTime);  // the verifier changes only with a new program
+    return End(c);
 }
-int CNfs3Prog::ProcedureCREATE(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
-}
-int CNfs3Prog::ProcedureMKDIR(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
-}
-int CNfs3Prog::ProcedureSYMLINK(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
-}
-int CNfs3Prog::ProcedureMKNOD(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
-}
-int CNfs3Prog::ProcedureREMOVE(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
-}
-int CNfs3Prog::ProcedureRMDIR(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
-}
-int CNfs3Prog::ProcedureRENAME(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
-}
-int CNfs3Prog::ProcedureLINK(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
-}
+
 int CNfs3Prog::ProcedureCOMMIT(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    return ProcedureNOIMP(in, out, param);
+    NfsCall c(this, "Nfs3Prog.ProcedureCOMMIT", in, out, param);
+    // Every WRITE is FILE_SYNC, so there is never anything to commit: the
+    // handle is stepped over and the mount check refuses the empty path.
+    SkipObject(c);
+    in->Skip(8 + 4);  // offset, count
+    c.stat = CheckMount(c);
+    WriteStatus(c);
+    WriteEmptyWccData(out);
+    if (c.stat == NFS3_OK) WriteUint64(out, 0);  // verifier
+    return End(c);
+}
+
+// ---- namespace procedures ------------------------------------------------------------
+
+int CNfs3Prog::ProcedureCREATE(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureCREATE", in, out, param);
+    diropargs3 args;
+    ReadEntry(c, args);
+    createhow3 how;
+    Read(in, &how);
+    c.stat = CheckNewEntry(c);
+    if (c.stat == NFS3_OK) {
+        bool existed = CUtilities::OS_IsFileExists(c.path, nullptr);
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Mode: %d, Is file exist before create: %d",
+            c.argu.pcName, (int)how.mode, (int)existed);
+        // EXCLUSIVE is taken as UNCHECKED: its verifier is neither kept nor
+        // compared, and its attributes are all unset.
+        if (how.mode > EXCLUSIVE)
+            c.stat = NFS3ERR_IO;
+        else if (how.mode == GUARDED && existed)
+            c.stat = NFS3ERR_EXIST;
+        else if (!m_pUtilities->NewFile(c.rp, &c.argu, c.path) || ApplyAttributes(c, how.obj_attributes) != NFS3_OK)
+            c.stat = NFS3ERR_IO;
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Is file exist after create: %d", c.argu.pcName,
+            (int)CUtilities::OS_IsFileExists(c.path, nullptr));
+    }
+    WriteNewEntryReply(c, c.path);
+    return End(c);
+}
+
+int CNfs3Prog::ProcedureMKDIR(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureMKDIR", in, out, param);
+    diropargs3 args;
+    ReadEntry(c, args);
+    sattr3 attr;
+    Read(in, &attr, false);
+    c.stat = CheckNewEntry(c);
+    // Only the mode is used, as sent; owner, group, size and times are not.
+    int mode = attr.mode.set_it ? (int)attr.mode.mode : DEFAULT_FOLDER_MODE;
+    if (c.stat == NFS3_OK && m_pUtilities->OS_FolderCreate(c.rp, &c.argu, c.path, mode, nullptr) == -1)
+        c.stat = NFS3ERR_IO;
+    WriteNewEntryReply(c, c.path);
+    return End(c);
+}
+
+int CNfs3Prog::ProcedureSYMLINK(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureSYMLINK", in, out, param);
+    // Symbolic links are never made: the arguments are stepped over and the
+    // mount check refuses the empty path.
+    SkipEntry(c);
+    sattr3 attr;
+    Read(in, &attr, true);
+    opaque text;
+    Read(in, &text);
+    c.stat = CheckMount(c);
+    WriteNewEntryReply(c, nullptr);
+    return End(c);
+}
+
+int CNfs3Prog::ProcedureMKNOD(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureMKNOD", in, out, param);
+    SkipEntry(c);
+    mknoddata3 node;
+    Read(in, &node, true);
+    CheckMount(c);  // refuses the empty path; only its log line is kept
+    bool special = node.type == NF3CHR || node.type == NF3BLK || node.type == NF3SOCK || node.type == NF3FIFO;
+    c.stat = special ? NFS3ERR_NOTSUPP : NFS3ERR_BADTYPE;
+    return EndWithWccData(c);
+}
+
+int CNfs3Prog::ProcedureREMOVE(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureREMOVE", in, out, param);
+    diropargs3 args;
+    ReadEntry(c, args);
+    c.stat = CheckOldEntry(c);
+    if (c.stat == NFS3_OK && !m_pUtilities->RemoveFile(c.rp, &c.argu, c.path)) c.stat = NFS3ERR_IO;
+    return EndWithWccData(c);
+}
+
+int CNfs3Prog::ProcedureRMDIR(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureRMDIR", in, out, param);
+    diropargs3 args;
+    ReadEntry(c, args);
+    c.stat = CheckOldEntry(c);
+    // A folder that is not empty is refused by the system: NFS3ERR_IO.
+    if (c.stat == NFS3_OK && m_pUtilities->OS_FolderRemove(c.rp, &c.argu, c.path, nullptr) == -1)
+        c.stat = NFS3ERR_IO;
+    return EndWithWccData(c);
+}
+
+int CNfs3Prog::ProcedureRENAME(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureRENAME", in, out, param);
+    diropargs3 from, to;
+    char toPath[PATH_BUFFER_SIZE];
+    ReadEntry(c, from);
+    ReadPath(param, &c.argu, in, &to, toPath);
+    // Only the source is checked against the exports.
+    c.stat = CheckOldEntry(c);
+    if (c.stat == NFS3_OK) c.stat = CheckPath(toPath, false);
+    // The file table row moves with the file, so that its handles follow it.
+    if (c.stat == NFS3_OK && !m_pUtilities->RenameFile(c.rp, &c.argu, c.path, toPath)) c.stat = NFS3ERR_IO;
+    return EndWithWccData(c, 2);  // fromdir_wcc, todir_wcc
+}
+
+int CNfs3Prog::ProcedureLINK(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureLINK", in, out, param);
+    // Hard links are never made: the arguments are stepped over and the
+    // mount check refuses the empty path.
+    SkipObject(c);
+    SkipEntry(c);
+    c.stat = CheckMount(c);
+    WriteStatus(c);
+    WritePostOpAttr(out, nullptr);  // file_attributes
+    WriteEmptyWccData(out);         // linkdir_wcc
+    return End(c);
 }
 
 // ---- paths, checks and attributes ----------------------------------------------------

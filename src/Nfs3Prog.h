@@ -329,8 +329,27 @@ protected:
     // Applies attr to c.path as SETATTR does; NFS3ERR_INVAL when the time
     // cannot be set or the file service fails.
     nfsstat3 ApplyAttributes(NfsCall& c, const sattr3& attr);
+    // Reads directory arguments: the entry's full path into c.path.
+    bool ReadEntry(NfsCall& c, diropargs3& args) { return ReadPath(c.param, &c.argu, c.in, &args, c.path); }
+    // Reads directory arguments as skipped names: c.path stays empty.
+    void SkipEntry(NfsCall& c);
+    // stat, or NFS3ERR_ACCES whatever it was when the server is read-only.
+    nfsstat3 RefuseIfReadOnly(nfsstat3 stat) const { return m_bReadOnly ? NFS3ERR_ACCES : stat; }
+    // The checks before an entry is made (CREATE, MKDIR): mount check, then
+    // read-only.
+    nfsstat3 CheckNewEntry(NfsCall& c) { return RefuseIfReadOnly(CheckObject(c, false)); }
+    // The checks before an entry is changed (REMOVE, RMDIR, RENAME): mount
+    // and existence checks, whose NFS3ERR_IO becomes NFS3ERR_NOENT; else
+    // read-only.
+    nfsstat3 CheckOldEntry(NfsCall& c);
     // Writes c.stat.
     void WriteStatus(NfsCall& c) { WriteUint32(c.out, c.stat); }
+    // The reply of the procedures that make an entry: status; on success the
+    // handle and attributes of made (both absent for null); then the
+    // directory's wcc_data, empty.
+    void WriteNewEntryReply(NfsCall& c, const char* made);
+    // Status followed by count empty wcc_data; the handler's result.
+    int EndWithWccData(NfsCall& c, int count = 1);
     // A post_op_attr: present with *attr, absent for null.
     static void WritePostOpAttr(COutputStream* out, const fattr3* attr);
     // The attributes of c.path as a post_op_attr, absent when they cannot be built.
@@ -345,6 +364,10 @@ protected:
 
     // READDIR and READDIRPLUS: the same listing, plus attributes and handles.
     int ListDirectory(NfsCall& c, bool plus);
+    // READ's data: at most count bytes (65536 at most) of c.path at offset,
+    // read straight into the reply where the data goes, behind the status
+    // and the header still to be written.
+    nfsstat3 ReadIntoReply(NfsCall& c, uint64_t offset, uint32_t count, uint32_t* read, bool* eof);
 
     unsigned int m_iUId = 0;
     unsigned int m_iGId = 0;

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "LibnfsMount.h"
 #include "LogRecorder.h"
 #include "NfsMain.h"
 #include "PrivateNetwork.h"
@@ -27,35 +28,10 @@ namespace {
 
 const char* const EXPORT_NAME = "datastore";
 
-// One libnfs context, destroyed with the object.
-class NfsClient {
+// A mounted client of the export.
+class NfsClient : public LibnfsMount {
 public:
-    NfsClient() : m_nfs(nfs_init_context()) {}
-    ~NfsClient() {
-        if (m_nfs) nfs_destroy_context(m_nfs);
-    }
-    NfsClient(const NfsClient&) = delete;
-    NfsClient& operator=(const NfsClient&) = delete;
-
-    // Options first (ports, no traversal of nested mounts), then MNT with the
-    // bare export name.
-    bool Mount(const std::string& options, std::string* why) {
-        if (!m_nfs) return Fail(why, "no context");
-        std::string url = "nfs://127.0.0.1/?" + options;
-        struct nfs_url* parsed = nfs_parse_url_incomplete(m_nfs, url.c_str());
-        if (!parsed) return Fail(why, nfs_get_error(m_nfs));
-        nfs_destroy_url(parsed);
-        if (nfs_mount(m_nfs, "127.0.0.1", EXPORT_NAME) != 0) return Fail(why, nfs_get_error(m_nfs));
-        return true;
-    }
-    struct nfs_context* Get() { return m_nfs; }
-
-private:
-    static bool Fail(std::string* why, const char* text) {
-        if (why) *why = text ? text : "";
-        return false;
-    }
-    struct nfs_context* m_nfs;
+    bool Mount(const std::string& options, std::string* why) { return LibnfsMount::Mount(options, EXPORT_NAME, why); }
 };
 
 class LibnfsClient : public testing::Test {

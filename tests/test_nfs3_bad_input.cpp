@@ -31,6 +31,7 @@ protected:
         std::string err;
         ASSERT_TRUE(server.Start(&err)) << err;
         WriteWholeFile(server.PathOf("f"), "some data");
+        WriteWholeFile(server.PathOf("w"), "");
     }
 
     Bytes Results(uint32_t proc, const Bytes& args, RpcTestClient::Transport t = RpcTestClient::TCP) {
@@ -70,6 +71,19 @@ protected:
             {PROC_FSSTAT, HandleArgs(root)},
             {PROC_FSINFO, HandleArgs(root)},
             {PROC_PATHCONF, HandleArgs(root)},
+            // The data and namespace procedures, with arguments whose answers
+            // stay the same once repeated.
+            {PROC_READ, ReadArgs(file, 0, 100)},
+            {PROC_WRITE, WriteArgs(server.Handle(server.PathOf("w")), 0, 5, "hello")},
+            {PROC_CREATE, Join({DirOpArgs(root, "c"), Words({0, 0, 0, 0, 0, 0, 0})})},
+            {PROC_MKDIR, Join({DirOpArgs(root, "m"), Words({1, 0755, 0, 0, 0, 0, 0})})},
+            {PROC_SYMLINK, Join({DirOpArgs(root, "s"), Words({0, 0, 0, 0, 0, 0}), Words({1}), Bytes{'f', 0, 0, 0}})},
+            {PROC_MKNOD, Join({DirOpArgs(root, "n"), Words({7, 0, 0, 0, 0, 0, 0})})},
+            {PROC_REMOVE, DirOpArgs(root, "missing")},
+            {PROC_RMDIR, DirOpArgs(root, "missing")},
+            {PROC_RENAME, Join({DirOpArgs(root, "missing"), DirOpArgs(root, "b")})},
+            {PROC_LINK, Join({HandleArgs(file), DirOpArgs(root, "l")})},
+            {PROC_COMMIT, ReadArgs(file, 0, 0)},
         };
     }
 

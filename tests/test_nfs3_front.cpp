@@ -88,17 +88,6 @@ TEST_F(Nfs3Front, NullAnswersWithAnEmptyBodyOverTcpAndUdp) {
     EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureNULL]"));
 }
 
-TEST_F(Nfs3Front, ProceduresOfTheDataAndNamespaceGroupAnswerProcUnavailForNow) {
-    for (uint32_t proc : {PROC_READ, PROC_WRITE, PROC_CREATE, PROC_MKDIR, PROC_SYMLINK, PROC_MKNOD, PROC_REMOVE,
-                          PROC_RMDIR, PROC_RENAME, PROC_LINK, PROC_COMMIT}) {
-        RpcReply reply;
-        ASSERT_TRUE(server.Call(proc, HandleArgs(server.Handle(server.Root())), reply)) << proc;
-        EXPECT_EQ(PROC_UNAVAIL, reply.acceptStat) << proc;
-        EXPECT_TRUE(reply.results.empty()) << proc;
-    }
-    EXPECT_EQ(11, server.Log().Count("[Nfs3Prog.ProcedureNOIMP]"));
-}
-
 TEST_F(Nfs3Front, HandlerIsMadeOnTheFirstVersion3CallWithTheStoredSettings) {
     server.Program().SetUserID(1001, 1002);
     server.Program().SetReadOnly(true);

@@ -86,6 +86,18 @@ Bytes DirOpArgs(const Bytes& dirHandle, const std::string& name) {
     return e.GetBytes();
 }
 
+Bytes ReadArgs(const Bytes& handle, uint64_t offset, uint32_t count) {
+    XdrEncoder e;
+    e.PutOpaque(handle).PutUint64(offset).PutUint32(count);
+    return e.GetBytes();
+}
+
+Bytes WriteArgs(const Bytes& handle, uint64_t offset, uint32_t count, const std::string& data, uint32_t stable) {
+    XdrEncoder e;
+    e.PutOpaque(handle).PutUint64(offset).PutUint32(count).PutUint32(stable).PutString(data);
+    return e.GetBytes();
+}
+
 Bytes Join(std::initializer_list<Bytes> parts) {
     Bytes all;
     for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());

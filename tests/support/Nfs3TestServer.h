@@ -52,6 +52,12 @@ Fattr3 ExpectedFattr3(const std::string& path);
 // Arguments holding one handle, and directory arguments.
 Bytes HandleArgs(const Bytes& handle);
 Bytes DirOpArgs(const Bytes& dirHandle, const std::string& name);
+// READ and COMMIT arguments: handle, offset, count.
+Bytes ReadArgs(const Bytes& handle, uint64_t offset, uint32_t count);
+// WRITE arguments: handle, offset, count, stable, then data as an opaque
+// (count and the data's length need not agree).
+Bytes WriteArgs(const Bytes& handle, uint64_t offset, uint32_t count, const std::string& data,
+                uint32_t stable = 0);
 // Concatenation.
 Bytes Join(std::initializer_list<Bytes> parts);
 // A word in host order read from bytes 0..3 of a handle (the file ID).
