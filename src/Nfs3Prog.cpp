@@ -131,6 +131,18 @@ void CNfs3Prog::SkipObject(NfsCall& c) {
     c.path[0] = '\0';
 }
 
+bool CNfs3Prog::ReadEntry(NfsCall& c, diropargs3& args, char* path) {
+    if (!ReadPath(c.param, &c.argu, c.in, &args, path)) return false;
+    if (IsEntryName(args.name.sPath)) return true;
+    Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Invalid entry name", c.argu.pcName);
+    path[0] = '\0';
+    return false;
+}
+
+bool CNfs3Prog::IsEntryName(const char* name) {
+    return name != nullptr && name[0] != '\0' && !IsInVaildDirName(name) && strchr(name, '/') == nullptr;
+}
+
 void CNfs3Prog::SkipEntry(NfsCall& c) {
     SkipObject(c);
     Read(c.in, static_cast<filename3*>(nullptr), true);
@@ -667,11 +679,19 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* in, COutputStream* out, ProcessPara
     NfsCall c(this, "Nfs3Prog.ProcedureRENAME", in, out, param);
     diropargs3 from, to;
     char toPath[PATH_BUFFER_SIZE];
+    toPath[0] = '\0';
     ReadEntry(c, from);
-    ReadPath(param, &c.argu, in, &to, toPath);
-    // Only the source is checked against the exports.
+    ReadEntry(c, to, toPath);
     c.stat = CheckOldEntry(c);
     if (c.stat == NFS3_OK) c.stat = CheckPath(toPath, false);
+    // The target must lie in an export too: a handle of a folder outside
+    // every export (the parent of an export's root, listed as "..") must not
+    // become a way out.
+    MountInfo mount;
+    if (c.stat == NFS3_OK && !m_pUtilities->GetMountInfoByPath(c.rp, &c.argu, toPath, &mount)) {
+        Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Path record not found", c.argu.pcName);
+        c.stat = NFS3ERR_IO;
+    }
     // The file table row moves with the file, so that its handles follow it.
     if (c.stat == NFS3_OK && !m_pUtilities->RenameFile(c.rp, &c.argu, c.path, toPath)) c.stat = NFS3ERR_IO;
     return EndWithWccData(c, 2);  // fromdir_wcc, todir_wcc

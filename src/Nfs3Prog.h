@@ -329,8 +329,14 @@ protected:
     // Applies attr to c.path as SETATTR does; NFS3ERR_INVAL when the time
     // cannot be set or the file service fails.
     nfsstat3 ApplyAttributes(NfsCall& c, const sattr3& attr);
-    // Reads directory arguments: the entry's full path into c.path.
-    bool ReadEntry(NfsCall& c, diropargs3& args) { return ReadPath(c.param, &c.argu, c.in, &args, c.path); }
+    // Reads directory arguments of a procedure that changes the name space:
+    // the entry's full path into c.path. A name that is not one entry of the
+    // folder (empty, ".", "..", or holding "/") leaves c.path empty, so that
+    // the checks refuse it: no such name may reach the folder itself, its
+    // parent, or a place outside the export.
+    bool ReadEntry(NfsCall& c, diropargs3& args) { return ReadEntry(c, args, c.path); }
+    bool ReadEntry(NfsCall& c, diropargs3& args, char* path);
+    static bool IsEntryName(const char* name);
     // Reads directory arguments as skipped names: c.path stays empty.
     void SkipEntry(NfsCall& c);
     // stat, or NFS3ERR_ACCES whatever it was when the server is read-only.

@@ -147,21 +147,20 @@ TEST_F(Nfs3DataBadInput, NamesOf4095BytesMakeNoPathAndLongerOnesAreTakenAsEmpty)
         std::string name(length, 'n');
         std::string n = std::to_string(length) + "-byte name: ";
         // 4095 bytes fit a name but not the path they make with the folder:
-        // no path, so the mount check refuses. Longer names are empty: the
-        // path is the folder itself, which is there and cannot be made,
-        // removed or moved into itself.
-        bool fits = length == 4095;
+        // no path, so the mount check refuses. Longer names are read as
+        // empty, which names no entry: refused the same way, so the folder
+        // itself is never made, removed or moved.
         cases.push_back({n + "CREATE", PROC_CREATE, Join({DirOpArgs(root, name), Words({0}), NO_ATTRIBUTES}),
                          Words({5, 0, 0})});
         cases.push_back({n + "CREATE GUARDED", PROC_CREATE, Join({DirOpArgs(root, name), Words({1}), NO_ATTRIBUTES}),
-                         Words({fits ? 5u : 17u, 0, 0})});
+                         Words({5, 0, 0})});
         cases.push_back({n + "CREATE EXCLUSIVE", PROC_CREATE, Join({DirOpArgs(root, name), Words({2}), U64(9)}),
                          Words({5, 0, 0})});
         cases.push_back({n + "MKDIR", PROC_MKDIR, Join({DirOpArgs(root, name), NO_ATTRIBUTES}), Words({5, 0, 0})});
-        cases.push_back({n + "REMOVE", PROC_REMOVE, DirOpArgs(root, name), Words({fits ? 2u : 5u, 0, 0})});
-        cases.push_back({n + "RMDIR", PROC_RMDIR, DirOpArgs(root, name), Words({fits ? 2u : 5u, 0, 0})});
+        cases.push_back({n + "REMOVE", PROC_REMOVE, DirOpArgs(root, name), Words({2, 0, 0})});
+        cases.push_back({n + "RMDIR", PROC_RMDIR, DirOpArgs(root, name), Words({2, 0, 0})});
         cases.push_back({n + "RENAME from", PROC_RENAME, Join({DirOpArgs(root, name), DirOpArgs(root, "g")}),
-                         Words({fits ? 2u : 5u, 0, 0, 0, 0})});
+                         Words({2, 0, 0, 0, 0})});
         cases.push_back({n + "RENAME to", PROC_RENAME, Join({DirOpArgs(root, "f"), DirOpArgs(root, name)}),
                          Words({5, 0, 0, 0, 0})});
         cases.push_back({n + "SYMLINK", PROC_SYMLINK, Join({DirOpArgs(root, name), NO_ATTRIBUTES, Words({0})}),
@@ -181,6 +180,35 @@ TEST_F(Nfs3DataBadInput, NamesOf4095BytesMakeNoPathAndLongerOnesAreTakenAsEmpty)
     EXPECT_TRUE(PathExists(server.PathOf(name)));
     ASSERT_TRUE(server.Call(PROC_RMDIR, DirOpArgs(root, name), reply));
     EXPECT_EQ(Words({0, 0, 0}), reply.results);
+}
+
+TEST_F(Nfs3DataBadInput, NamesThatAreNoEntryOfTheFolderNeverLeaveIt) {
+    // The export's parent folder, reachable by name from the export's root.
+    std::string outside = server.Root().substr(0, server.Root().rfind('/'));
+    std::string escapee = "escapee-" + std::to_string(getpid());
+    std::vector<Case> cases;
+    for (const std::string& name : {"../" + escapee, "d/../../" + escapee, std::string("."), std::string("..")}) {
+        std::string n = "name \"" + name + "\": ";
+        cases.push_back({n + "CREATE", PROC_CREATE, Join({DirOpArgs(root, name), Words({0}), NO_ATTRIBUTES}),
+                         Words({5, 0, 0})});
+        cases.push_back({n + "MKDIR", PROC_MKDIR, Join({DirOpArgs(root, name), NO_ATTRIBUTES}), Words({5, 0, 0})});
+        cases.push_back({n + "REMOVE", PROC_REMOVE, DirOpArgs(root, name), Words({2, 0, 0})});
+        cases.push_back({n + "RMDIR", PROC_RMDIR, DirOpArgs(root, name), Words({2, 0, 0})});
+        cases.push_back({n + "RENAME to", PROC_RENAME, Join({DirOpArgs(root, "f"), DirOpArgs(root, name)}),
+                         Words({5, 0, 0, 0, 0})});
+    }
+    Run(cases);
+    EXPECT_FALSE(PathExists(outside + "/" + escapee));
+    EXPECT_TRUE(PathExists(server.PathOf("d")));
+    EXPECT_TRUE(PathExists(server.Root()));
+
+    // A folder handle outside every export is no target of a rename.
+    Bytes parent = server.Handle(outside);
+    RpcReply reply;
+    ASSERT_TRUE(server.Call(PROC_RENAME, Join({DirOpArgs(root, "f"), DirOpArgs(parent, escapee)}), reply));
+    EXPECT_EQ(Words({5, 0, 0, 0, 0}), reply.results);
+    EXPECT_FALSE(PathExists(outside + "/" + escapee));
+    EXPECT_EQ("0123456789", ReadWholeFile(server.PathOf("f")));
 }
 
 TEST_F(Nfs3DataBadInput, HandlesOfZeroBytesNameNothingAndOfFourAndSixtyFourAreTakenByTheirFirstFour) {
