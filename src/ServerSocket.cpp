@@ -38,8 +38,8 @@ bool CServerSocket::Open(unsigned long progId, int port, int maxNum, CUtilities*
         SocketClose();
         return false;
     }
-    m_pSockets = new CSocket*[maxNum];
-    for (int i = 0; i < maxNum; ++i) m_pSockets[i] = new CSocket(CSocket::TYPE_TCP, progId);
+    m_pSockets.clear();
+    for (int i = 0; i < maxNum; ++i) m_pSockets.push_back(std::make_unique<CSocket>(CSocket::TYPE_TCP, progId));
     m_bClosed = false;
     m_iThreadCreated = pthread_create(&m_hThread, nullptr, ThreadMain, this);
     return true;
@@ -53,9 +53,7 @@ void CServerSocket::Close() {
     if (m_ServerSocket != -1) shutdown(m_ServerSocket, SHUT_RDWR);
     JoinSocketThread(m_hThread, m_iThreadCreated);
     SocketClose();
-    for (int i = 0; i < m_nMaxNum; ++i) delete m_pSockets[i];
-    delete[] m_pSockets;
-    m_pSockets = nullptr;
+    m_pSockets.clear();
 }
 
 void CServerSocket::SocketClose() {
@@ -66,8 +64,8 @@ void CServerSocket::SocketClose() {
 }
 
 CSocket* CServerSocket::GetConnection(int index) const {
-    if (m_pSockets == nullptr || index < 0 || index >= m_nMaxNum) return nullptr;
-    return m_pSockets[index];
+    if (index < 0 || (size_t)index >= m_pSockets.size()) return nullptr;
+    return m_pSockets[(size_t)index].get();
 }
 
 void* CServerSocket::ThreadMain(void* self) {

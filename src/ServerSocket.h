@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <memory>
+#include <vector>
 
 #include "Socket.h"
 
@@ -46,7 +48,7 @@ private:
     ISocketListener* m_pListener = nullptr;
     pthread_t m_hThread = (pthread_t)-1;
     int m_iThreadCreated = -1;
-    CSocket** m_pSockets = nullptr;
+    std::vector<std::unique_ptr<CSocket>> m_pSockets;  // the connection slots
 };
 
 // The record the server controller keeps for each program's pair of sockets.
