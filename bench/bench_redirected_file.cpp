@@ -13,6 +13,10 @@
 // file service (the path an NFS READ takes: registry, then the file), with
 // the info-file records examined per lookup, against reads of the same
 // ranges from one source file directly.
+// HoleRead: 64 KiB reads that start in a hole, in a file whose segments
+// each cover only the first half of their slot: no record covers the
+// offset, so the lookup reads the info file from the estimate to its end
+// (a segment added later over the hole would be found there).
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
@@ -232,6 +236,40 @@ void RandomRead(benchmark::State& state) {
     state.counters["rss_growth_KiB"] = (double)(ResidentKiB() - rssBefore);
 }
 
+void HoleRead(benchmark::State& state) {
+    long long n = state.range(0);
+    static std::map<long long, std::string> files;
+    std::string& path = files[n];
+    if (path.empty()) {
+        path = Space().NewInfoFile();
+        Controller().OpenRedirectedFile(path.c_str(), FILE_SIZE, true, 0, 0);
+        char err[ERROR_TEXT_SIZE] = "";
+        ForEachSegment(n, [&](const char* source, long long offset, long long length) {
+            Controller().AddRedirectedFileSegment(path.c_str(), source, offset, offset, length / 2, err);
+        });
+    }
+    CUtilities& service = *Controller().GetUtils();
+    CRedirectedFile& file = *service.GetRedirectedFile(path.c_str());
+    LogArgu la{"bench"};
+    std::vector<char> buffer(READ_SIZE);
+    std::mt19937_64 gen(9);
+    long long recordsBefore = file.GetInfoFileRecordsRead();
+    for (auto _ : state) {
+        long long slot = (long long)(gen() % (unsigned long long)(n - 1));
+        long long begin = (long long)((__int128)FILE_SIZE * slot / n);
+        long long end = (long long)((__int128)FILE_SIZE * (slot + 1) / n);
+        long long offset = begin + (end - begin) / 2 + 1;  // just past the segment
+        bool eof;
+        int count = service.ReadFile(&Quiet(), &la, path.c_str(), (unsigned long long)offset, SEEK_SET,
+                                     buffer.data(), READ_SIZE, &eof);
+        if (count != (int)READ_SIZE) state.SkipWithError("short read");
+        benchmark::DoNotOptimize(buffer.data());
+    }
+    double reads = (double)state.iterations();
+    state.counters["reads_per_s"] = benchmark::Counter(reads, benchmark::Counter::kIsRate);
+    state.counters["records_per_lookup"] = (double)(file.GetInfoFileRecordsRead() - recordsBefore) / reads;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -248,6 +286,11 @@ int main(int argc, char** argv) {
     // One segment per 32 MiB block (the estimate hits at once), then many.
     for (long long n : {FILE_SIZE >> 25, segments})
         benchmark::RegisterBenchmark("RandomRead", RandomRead)->Arg(n)->Unit(benchmark::kMicrosecond)->UseRealTime();
+    benchmark::RegisterBenchmark("HoleRead", HoleRead)
+        ->Arg(segments)
+        ->Iterations(50)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
