@@ -4,11 +4,19 @@
 //   bench_redirected_file                       1,000,000 segments
 //   REDIRECTED_BENCH_SEGMENTS=10000000 bench_redirected_file
 //
-// AddSegments: time to add every segment and the resident memory before and
-// after (it must stay flat: the segments live in the info file).
-// RandomRead: 64 KiB reads at random offsets of the whole file, with the
-// info-file records examined per lookup, against reads of the same ranges
-// from one source file directly.
+// AddSegments: time to add every segment to the object and the resident
+// memory before and after (it must stay flat: the segments live in the info
+// file). AddSegmentsThroughController: the same through the controller, as
+// the application adds them: the registry finds the file by its path for
+// every segment, and the info file is the local file at that path.
+// RandomRead: 64 KiB reads at random offsets of the whole file through the
+// file service (the path an NFS READ takes: registry, then the file), with
+// the info-file records examined per lookup, against reads of the same
+// ranges from one source file directly.
+// HoleRead: 64 KiB reads that start in a hole, in a file whose segments
+// each cover only the first half of their slot: no record covers the
+// offset, so the lookup reads the info file from the estimate to its end
+// (a segment added later over the hole would be found there).
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
@@ -24,6 +32,7 @@
 #include <string>
 #include <vector>
 
+#include "NfsMain.h"
 #include "RedirectedFile.h"
 #include "Utilities.h"
 
@@ -93,13 +102,36 @@ CRuntimeParam& Quiet() {
     return rp;
 }
 
-// Segment i covers [i*size/n, (i+1)*size/n) from source i%3 at the same offset.
-void AddAll(CRedirectedFile& file, long long n) {
+// Segment i covers [i*size/n, (i+1)*size/n) from source i%3 at the same
+// offset; add is called with the source, the offset and the length.
+template <typename Add>
+void ForEachSegment(long long n, Add add) {
     for (long long i = 0; i < n; ++i) {
         long long begin = (long long)((__int128)FILE_SIZE * i / n);
         long long end = (long long)((__int128)FILE_SIZE * (i + 1) / n);
-        file.AddSegment(&Quiet(), Space().sources[(size_t)(i % 3)].c_str(), begin, begin, end - begin, nullptr);
+        add(Space().sources[(size_t)(i % 3)].c_str(), begin, end - begin);
     }
+}
+
+void AddAll(CRedirectedFile& file, long long n) {
+    ForEachSegment(n, [&](const char* source, long long offset, long long length) {
+        file.AddSegment(&Quiet(), source, offset, offset, length, nullptr);
+    });
+}
+
+// Adds through the controller; false when one was refused.
+bool AddAll(CNfsMain& main, const std::string& path, long long n) {
+    bool ok = true;
+    char err[ERROR_TEXT_SIZE] = "";
+    ForEachSegment(n, [&](const char* source, long long offset, long long length) {
+        ok = main.AddRedirectedFileSegment(path.c_str(), source, offset, offset, length, err) && ok;
+    });
+    return ok;
+}
+
+CNfsMain& Controller() {
+    static CNfsMain main("bench", 0);
+    return main;
 }
 
 std::unique_ptr<CRedirectedFile> NewFile() {
@@ -108,18 +140,17 @@ std::unique_ptr<CRedirectedFile> NewFile() {
     return file;
 }
 
-// Built once per segment count and shared by the read benchmarks.
-CRedirectedFile& BuiltFile(long long n) {
-    // The files close their descriptors through the file service when they
-    // go at exit: the service must be built first so that it goes last.
-    Utilities();
-    static std::map<long long, std::unique_ptr<CRedirectedFile>> files;
-    auto& file = files[n];
-    if (!file) {
-        file = NewFile();
-        AddAll(*file, n);
+// Registered through the controller once per segment count and shared by
+// the read benchmarks; the path of the file.
+std::string BuiltFile(long long n) {
+    static std::map<long long, std::string> files;
+    std::string& path = files[n];
+    if (path.empty()) {
+        path = Space().NewInfoFile();
+        Controller().OpenRedirectedFile(path.c_str(), FILE_SIZE, true, 0, 0);
+        if (!AddAll(Controller(), path, n)) abort();
     }
-    return *file;
+    return path;
 }
 
 void AddSegments(benchmark::State& state) {
@@ -143,12 +174,37 @@ void AddSegments(benchmark::State& state) {
     state.counters["rss_growth_KiB"] = (double)(after - before);
 }
 
-// Each iteration reads 64 KiB at a random offset through the redirected
-// file and then the same range of one source directly; both are timed
-// apart, so that their ratio is taken under the same machine load.
+void AddSegmentsThroughController(benchmark::State& state) {
+    long long n = state.range(0);
+    long long before = 0, after = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::string path = Space().NewInfoFile();
+        Controller().OpenRedirectedFile(path.c_str(), FILE_SIZE, true, 0, 0);
+        before = ResidentKiB();
+        state.ResumeTiming();
+        if (!AddAll(Controller(), path, n)) state.SkipWithError("a segment was refused");
+        state.PauseTiming();
+        after = ResidentKiB();
+        Controller().CloseRedirectedFile(path.c_str());
+        state.ResumeTiming();
+    }
+    state.counters["segments_per_s"] = benchmark::Counter((double)n * (double)state.iterations(),
+                                                          benchmark::Counter::kIsRate);
+    state.counters["rss_before_KiB"] = (double)before;
+    state.counters["rss_after_KiB"] = (double)after;
+    state.counters["rss_growth_KiB"] = (double)(after - before);
+}
+
+// Each iteration reads 64 KiB at a random offset through the file service
+// and then the same range of one source directly; both are timed apart, so
+// that their ratio is taken under the same machine load.
 void RandomRead(benchmark::State& state) {
     long long n = state.range(0);
-    CRedirectedFile& file = BuiltFile(n);
+    std::string path = BuiltFile(n);
+    CUtilities& service = *Controller().GetUtils();
+    CRedirectedFile& file = *service.GetRedirectedFile(path.c_str());
+    LogArgu la{"bench"};
     int plain = open(Space().sources[0].c_str(), O_RDONLY);
     std::vector<char> buffer(READ_SIZE);
     std::mt19937_64 gen(5);
@@ -159,7 +215,8 @@ void RandomRead(benchmark::State& state) {
         long long offset = (long long)(gen() % (unsigned long long)(FILE_SIZE - READ_SIZE));
         bool eof;
         auto t0 = std::chrono::steady_clock::now();
-        int count = file.Read(&Quiet(), offset, buffer.data(), READ_SIZE, &eof);
+        int count = service.ReadFile(&Quiet(), &la, path.c_str(), (unsigned long long)offset, SEEK_SET,
+                                     buffer.data(), READ_SIZE, &eof);
         auto t1 = std::chrono::steady_clock::now();
         ssize_t direct = pread(plain, buffer.data(), READ_SIZE, offset);
         auto t2 = std::chrono::steady_clock::now();
@@ -179,6 +236,40 @@ void RandomRead(benchmark::State& state) {
     state.counters["rss_growth_KiB"] = (double)(ResidentKiB() - rssBefore);
 }
 
+void HoleRead(benchmark::State& state) {
+    long long n = state.range(0);
+    static std::map<long long, std::string> files;
+    std::string& path = files[n];
+    if (path.empty()) {
+        path = Space().NewInfoFile();
+        Controller().OpenRedirectedFile(path.c_str(), FILE_SIZE, true, 0, 0);
+        char err[ERROR_TEXT_SIZE] = "";
+        ForEachSegment(n, [&](const char* source, long long offset, long long length) {
+            Controller().AddRedirectedFileSegment(path.c_str(), source, offset, offset, length / 2, err);
+        });
+    }
+    CUtilities& service = *Controller().GetUtils();
+    CRedirectedFile& file = *service.GetRedirectedFile(path.c_str());
+    LogArgu la{"bench"};
+    std::vector<char> buffer(READ_SIZE);
+    std::mt19937_64 gen(9);
+    long long recordsBefore = file.GetInfoFileRecordsRead();
+    for (auto _ : state) {
+        long long slot = (long long)(gen() % (unsigned long long)(n - 1));
+        long long begin = (long long)((__int128)FILE_SIZE * slot / n);
+        long long end = (long long)((__int128)FILE_SIZE * (slot + 1) / n);
+        long long offset = begin + (end - begin) / 2 + 1;  // just past the segment
+        bool eof;
+        int count = service.ReadFile(&Quiet(), &la, path.c_str(), (unsigned long long)offset, SEEK_SET,
+                                     buffer.data(), READ_SIZE, &eof);
+        if (count != (int)READ_SIZE) state.SkipWithError("short read");
+        benchmark::DoNotOptimize(buffer.data());
+    }
+    double reads = (double)state.iterations();
+    state.counters["reads_per_s"] = benchmark::Counter(reads, benchmark::Counter::kIsRate);
+    state.counters["records_per_lookup"] = (double)(file.GetInfoFileRecordsRead() - recordsBefore) / reads;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -188,9 +279,18 @@ int main(int argc, char** argv) {
         ->Arg(segments)
         ->Iterations(1)
         ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("AddSegmentsThroughController", AddSegmentsThroughController)
+        ->Arg(segments)
+        ->Iterations(1)
+        ->Unit(benchmark::kMillisecond);
     // One segment per 32 MiB block (the estimate hits at once), then many.
     for (long long n : {FILE_SIZE >> 25, segments})
         benchmark::RegisterBenchmark("RandomRead", RandomRead)->Arg(n)->Unit(benchmark::kMicrosecond)->UseRealTime();
+    benchmark::RegisterBenchmark("HoleRead", HoleRead)
+        ->Arg(segments)
+        ->Iterations(50)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

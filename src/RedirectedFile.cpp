@@ -223,7 +223,17 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
 void CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const Segment& segment) {
     unsigned char record[SEGMENT_RECORD_SIZE];
     EncodeRecord(segment, record);
-    OS_FileWrite(pRuntimeParam, pLogArgu, fd, record, sizeof record);
+    int written = OS_FileWrite(pRuntimeParam, pLogArgu, fd, record, sizeof record);
+    if (written > 0) m_iInfoFileWritten += written;
+    if (written != SEGMENT_RECORD_SIZE || segment.iOffset < m_iLastRecordOffset) m_bRecordsInOrder = false;
+    m_iLastRecordOffset = segment.iOffset;
+}
+
+bool CRedirectedFile::InfoFileInOrder(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd) {
+    // Records this object did not write (left from an earlier opening of the
+    // same info file, or appended by someone else) can be in any order: the
+    // file is then longer than what was written here.
+    return m_bRecordsInOrder && OS_FileSeek(pRuntimeParam, pLogArgu, fd, 0, SEEK_END) == m_iInfoFileWritten;
 }
 
 void CRedirectedFile::CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment) {
@@ -280,13 +290,15 @@ void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, 
         }
     }
     if (start < 0) start = iSeek / blockSize * SEGMENT_RECORD_SIZE;
+    const bool inOrder = InfoFileInOrder(pRuntimeParam, &la, fd);
     if (start < 0 || OS_FileSeek(pRuntimeParam, &la, fd, start, SEEK_SET) < 0) return;
 
     // Records are scanned forward to the end of the file: a segment added
-    // later over a hole is found even though it lies out of order. The
-    // first read takes one record (the usual hit), later ones many; the
-    // descriptor is left just after the record taken, where
-    // GetNextSegment goes on.
+    // later over a hole is found even though it lies out of order. When the
+    // records are known to be in order, the first one that starts after
+    // iSeek ends the scan with the same answer. The first read takes one
+    // record (the usual hit), later ones many; the descriptor is left just
+    // after the record taken, where GetNextSegment goes on.
     unsigned char buffer[RECORDS_PER_SCAN_READ * SEGMENT_RECORD_SIZE];
     unsigned int wanted = SEGMENT_RECORD_SIZE;
     long long position = start;  // info-file position of buffer[0]
@@ -311,8 +323,10 @@ void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, 
                 haveNext = true;
                 next = s;
                 afterNext = after;
+                if (inOrder) break;
             }
         }
+        if (haveNext && inOrder) break;
         if ((unsigned int)got < wanted) break;  // end of the info file
         position += got;
         wanted = sizeof buffer;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <climits>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -81,6 +82,9 @@ private:
     int SourceIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSourcePath);
     const char* SourcePath(int iSource) const;
     void WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const Segment& segment);
+    // True when the info file holds exactly the records this object wrote,
+    // in non-decreasing order of iOffset (fd is left at an unknown position).
+    bool InfoFileInOrder(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd);
 
     // Descriptor access; descriptor -1 is a source of zeros.
     int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, void* pBuf, unsigned int iLen);
@@ -111,4 +115,12 @@ private:
     // search the whole list.
     std::unordered_map<std::string, int> m_mSourceIndex;
     long long m_iInfoFileRecordsRead = 0;
+    // What this object appended to the info file: its length in bytes, the
+    // iOffset of the last record, and whether the records went in whole and
+    // in non-decreasing order of iOffset. While that holds and the file is
+    // no longer than that, a lookup that meets a record starting after the
+    // offset can stop there: no later record starts nearer or covers it.
+    long long m_iInfoFileWritten = 0;
+    long long m_iLastRecordOffset = LLONG_MIN;
+    bool m_bRecordsInOrder = true;
 };

@@ -1,5 +1,7 @@
 #include "ServerSocket.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -83,6 +85,11 @@ void CServerSocket::Run() {
             if (fd == 0) close(fd);
             continue;
         }
+        // Each reply goes out in one send: holding its last partial segment
+        // back until the previous one is acknowledged (Nagle) only delays
+        // clients that keep several calls in flight.
+        int noDelay = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
         int i = 0;
         while (i < m_nMaxNum && m_pSockets[i]->IsActive()) ++i;
         // The listener never refuses or queues a connection beyond its slots:

@@ -1,0 +1,351 @@
+// Sequential NFS READ of a redirected file against NFS READ of the same
+// bytes as a plain file: the whole server (started through the controller)
+// on loopback, and a libnfs client reading each file from start to end in
+// 64 KiB READs, one at a time. The redirected file is made of segments taken
+// in turn from four source files, so that its content equals the plain
+// file's (checked on the first pass). Both files are read in every
+// iteration, in alternating order, and timed apart, so that their ratio is
+// taken under the same machine load.
+//
+// NfsRandomRead: 64 KiB READs at random offsets of a 2 TiB redirected file
+// of many segments (sparse sources), against the same READs of a sparse
+// 2 TiB plain file, with the info-file records examined per lookup.
+//
+//   bench_redirected_nfs                          256 MiB files, 1,000,000 segments
+//   REDIRECTED_NFS_BENCH_MIB=1024 REDIRECTED_NFS_BENCH_SEGMENTS=10000000 bench_redirected_nfs
+//
+// The server takes its fixed ports (2049, 1058, 111), so the program moves
+// itself into a network namespace of its own first (it must run as root).
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <nfsc/libnfs.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "NfsMain.h"
+#include "RedirectedFile.h"
+#include "Utilities.h"
+
+namespace {
+
+constexpr long long MiB = 1LL << 20;
+constexpr long long HUGE_SIZE = 2LL << 40;  // 2 TiB
+constexpr unsigned int READ_SIZE = 65536;
+constexpr int SOURCES = 4;
+const char* const EXPORT_NAME = "bench";
+
+long long SegmentCount() {
+    const char* count = getenv("REDIRECTED_NFS_BENCH_SEGMENTS");
+    long long n = count && *count ? atoll(count) : 1000000;
+    return n > 0 ? n : 1000000;
+}
+
+void MakeSparse(const std::string& path, long long size) {
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    if (fd == -1 || ftruncate(fd, size) != 0) abort();
+    close(fd);
+}
+
+long long FileBytes() {
+    const char* mib = getenv("REDIRECTED_NFS_BENCH_MIB");
+    long long n = mib && *mib ? atoll(mib) : 256;
+    return (n > 0 ? n : 256) * MiB;
+}
+
+bool EnterPrivateNetwork() {
+    if (unshare(CLONE_NEWNET) != 0) {
+        perror("unshare(CLONE_NEWNET)");
+        return false;
+    }
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd == -1) return false;
+    ifreq ifr{};
+    snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "lo");
+    bool ok = ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
+    if (ok) {
+        ifr.ifr_flags = (short)(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
+        ok = ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
+    }
+    close(fd);
+    if (!ok) perror("bring lo up");
+    return ok;
+}
+
+// Byte i of the content.
+void Fill(long long offset, char* out, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        unsigned long long p = (unsigned long long)offset + i;
+        out[i] = (char)((p * 2654435761ull) >> 13 ^ (p >> 20));
+    }
+}
+
+void WriteFile(const std::string& path, const std::vector<std::pair<long long, long long>>& pieces) {
+    // pieces: (content offset, length), written one after the other.
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd == -1) abort();
+    std::vector<char> buffer((size_t)MiB);
+    for (const auto& piece : pieces) {
+        for (long long done = 0; done < piece.second;) {
+            size_t n = (size_t)std::min<long long>(MiB, piece.second - done);
+            Fill(piece.first + done, buffer.data(), n);
+            if (write(fd, buffer.data(), n) != (ssize_t)n) abort();
+            done += (long long)n;
+        }
+    }
+    close(fd);
+}
+
+// An exported folder holding the plain file, the redirected file's local
+// file and, beside it, the four sources; the server and one mounted client.
+class Setup {
+public:
+    Setup() : m_main("bench", 0) {
+        char pattern[] = "/tmp/redirected-nfs-bench-XXXXXX";
+        if (!mkdtemp(pattern)) abort();
+        m_folder = pattern;
+        m_export = m_folder + "/export";
+        if (mkdir(m_export.c_str(), 0755) != 0) abort();
+        m_size = FileBytes();
+        WriteFile(m_export + "/plain.bin", {{0, m_size}});
+        char err[ERROR_TEXT_SIZE] = "";
+        if (!m_main.Initial(err) || !m_main.StartServer(0, 0, 0, 0, false, err) ||
+            !m_main.AddMountPoint(m_export.c_str(), EXPORT_NAME, err)) {
+            fprintf(stderr, "server: %s\n", err);
+            abort();
+        }
+    }
+    ~Setup() {
+        m_client.reset();
+        m_main.StopServer();
+        std::string command = "rm -rf " + m_folder;
+        if (system(command.c_str()) != 0) fprintf(stderr, "could not remove %s\n", m_folder.c_str());
+    }
+
+    // Registers export/name as a redirected file of segments of segment
+    // bytes, segment i taken from source i % 4; its content is the plain
+    // file's. Sources are written once per segment size.
+    std::string Redirected(long long segment) {
+        std::string name = "redirected-" + std::to_string(segment) + ".bin";
+        std::string path = m_export + "/" + name;
+        if (access(path.c_str(), F_OK) == 0) return name;
+        std::vector<std::vector<std::pair<long long, long long>>> pieces(SOURCES);
+        long long count = (m_size + segment - 1) / segment;
+        for (long long i = 0; i < count; ++i)
+            pieces[(size_t)(i % SOURCES)].push_back({i * segment, std::min(segment, m_size - i * segment)});
+        std::vector<std::string> sources;
+        for (int k = 0; k < SOURCES; ++k) {
+            sources.push_back(m_folder + "/source-" + std::to_string(segment) + "-" + std::to_string(k));
+            WriteFile(sources.back(), pieces[(size_t)k]);
+        }
+        WriteFile(path, {});  // the local file, which holds the segment records
+        m_main.OpenRedirectedFile(path.c_str(), m_size, true, 0, 0);
+        char err[ERROR_TEXT_SIZE] = "";
+        for (long long i = 0; i < count; ++i) {
+            long long length = std::min(segment, m_size - i * segment);
+            if (!m_main.AddRedirectedFileSegment(path.c_str(), sources[(size_t)(i % SOURCES)].c_str(),
+                                                 (i / SOURCES) * segment, i * segment, length, err))
+                abort();
+        }
+        return name;
+    }
+
+    // Registers export/huge.bin: a 2 TiB redirected file of count segments
+    // in turn from three sparse sources, with a sparse plain file of the
+    // same size beside it (export/huge-plain.bin).
+    std::string Huge(long long count) {
+        std::string name = "huge-" + std::to_string(count) + ".bin";
+        std::string path = m_export + "/" + name;
+        if (access(path.c_str(), F_OK) == 0) return name;
+        MakeSparse(m_export + "/huge-plain.bin", HUGE_SIZE);
+        std::vector<std::string> sources;
+        for (int k = 0; k < 3; ++k) {
+            sources.push_back(m_folder + "/huge-source-" + std::to_string(k));
+            MakeSparse(sources.back(), HUGE_SIZE);
+        }
+        WriteFile(path, {});
+        m_main.OpenRedirectedFile(path.c_str(), HUGE_SIZE, true, 0, 0);
+        char err[ERROR_TEXT_SIZE] = "";
+        for (long long i = 0; i < count; ++i) {
+            long long begin = (long long)((__int128)HUGE_SIZE * i / count);
+            long long end = (long long)((__int128)HUGE_SIZE * (i + 1) / count);
+            if (!m_main.AddRedirectedFileSegment(path.c_str(), sources[(size_t)(i % 3)].c_str(), begin, begin,
+                                                 end - begin, err))
+                abort();
+        }
+        return name;
+    }
+    long long RecordsRead(const std::string& name) {
+        CRedirectedFile* file = m_main.GetUtils()->GetRedirectedFile((m_export + "/" + name).c_str());
+        return file ? file->GetInfoFileRecordsRead() : 0;
+    }
+
+    struct nfs_context* Client() {
+        if (!m_client) {
+            m_client.reset(nfs_init_context());
+            std::string url = "nfs://127.0.0.1/?nfsport=2049&mountport=1058&auto-traverse-mounts=0";
+            struct nfs_url* parsed = nfs_parse_url_incomplete(m_client.get(), url.c_str());
+            if (!parsed) abort();
+            nfs_destroy_url(parsed);
+            if (nfs_mount(m_client.get(), "127.0.0.1", EXPORT_NAME) != 0) {
+                fprintf(stderr, "mount: %s\n", nfs_get_error(m_client.get()));
+                abort();
+            }
+        }
+        return m_client.get();
+    }
+    long long Size() const { return m_size; }
+
+private:
+    struct ContextDeleter {
+        void operator()(struct nfs_context* nfs) const { nfs_destroy_context(nfs); }
+    };
+    std::string m_folder;
+    std::string m_export;
+    long long m_size = 0;
+    CNfsMain m_main;
+    std::unique_ptr<struct nfs_context, ContextDeleter> m_client;
+};
+
+Setup* g_setup = nullptr;
+
+// Reads the whole file in READ_SIZE READs; the seconds it took, and the
+// bytes compared with the content when check is set (-1 on any failure).
+double ReadAll(const std::string& name, bool check, long long* bytes) {
+    struct nfs_context* nfs = g_setup->Client();
+    struct nfsfh* fh = nullptr;
+    *bytes = -1;
+    if (nfs_open(nfs, ("/" + name).c_str(), O_RDONLY, &fh) != 0) return 0;
+    std::vector<char> buffer(READ_SIZE), expected(READ_SIZE);
+    long long offset = 0;
+    bool same = true;
+    auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        int n = nfs_pread(nfs, fh, (uint64_t)offset, READ_SIZE, buffer.data());
+        if (n <= 0) {
+            if (n < 0) offset = -1;
+            break;
+        }
+        if (check) {
+            Fill(offset, expected.data(), (size_t)n);
+            same = same && memcmp(expected.data(), buffer.data(), (size_t)n) == 0;
+        }
+        offset += n;
+    }
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    nfs_close(nfs, fh);
+    *bytes = same ? offset : -1;
+    return seconds;
+}
+
+void SequentialRead(benchmark::State& state) {
+    long long segment = state.range(0);
+    std::string redirected = g_setup->Redirected(segment);
+    const long long size = g_setup->Size();
+    long long bytes = 0;
+    // A first pass of each checks the bytes and warms the caches.
+    ReadAll("plain.bin", true, &bytes);
+    if (bytes != size) return state.SkipWithError("plain file read wrong");
+    ReadAll(redirected, true, &bytes);
+    if (bytes != size) return state.SkipWithError("redirected file read wrong");
+
+    double plainSeconds = 0, redirectedSeconds = 0;
+    bool plainFirst = true;
+    for (auto _ : state) {
+        long long plainBytes = 0, redirectedBytes = 0;
+        if (plainFirst) {
+            plainSeconds += ReadAll("plain.bin", false, &plainBytes);
+            redirectedSeconds += ReadAll(redirected, false, &redirectedBytes);
+        } else {
+            redirectedSeconds += ReadAll(redirected, false, &redirectedBytes);
+            plainSeconds += ReadAll("plain.bin", false, &plainBytes);
+        }
+        plainFirst = !plainFirst;
+        if (plainBytes != size || redirectedBytes != size) return state.SkipWithError("short read");
+    }
+    double megabytes = (double)size * (double)state.iterations() / 1e6;
+    state.counters["plain_MBps"] = megabytes / plainSeconds;
+    state.counters["redirected_MBps"] = megabytes / redirectedSeconds;
+    state.counters["redirected_to_plain"] = plainSeconds / redirectedSeconds;  // throughput ratio
+    state.counters["segments"] = (double)((size + segment - 1) / segment);
+}
+
+// Each iteration sends one READ at a random offset to each file, in
+// alternating order, timed apart.
+void RandomRead(benchmark::State& state) {
+    std::string redirected = g_setup->Huge(state.range(0));
+    struct nfs_context* nfs = g_setup->Client();
+    struct nfsfh* plainFh = nullptr;
+    struct nfsfh* redirectedFh = nullptr;
+    if (nfs_open(nfs, "/huge-plain.bin", O_RDONLY, &plainFh) != 0 ||
+        nfs_open(nfs, ("/" + redirected).c_str(), O_RDONLY, &redirectedFh) != 0)
+        return state.SkipWithError("open failed");
+    std::vector<char> buffer(READ_SIZE);
+    std::mt19937_64 gen(7);
+    long long recordsBefore = g_setup->RecordsRead(redirected);
+    double plainSeconds = 0, redirectedSeconds = 0;
+    bool plainFirst = true;
+    for (auto _ : state) {
+        uint64_t offset = gen() % (uint64_t)(HUGE_SIZE - READ_SIZE);
+        for (int turn = 0; turn < 2; ++turn) {
+            bool plain = (turn == 0) == plainFirst;
+            auto start = std::chrono::steady_clock::now();
+            int n = nfs_pread(nfs, plain ? plainFh : redirectedFh, offset, READ_SIZE, buffer.data());
+            double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            (plain ? plainSeconds : redirectedSeconds) += seconds;
+            if (n != (int)READ_SIZE) return state.SkipWithError("short read");
+        }
+        plainFirst = !plainFirst;
+    }
+    nfs_close(nfs, plainFh);
+    nfs_close(nfs, redirectedFh);
+    double reads = (double)state.iterations();
+    state.counters["plain_reads_per_s"] = reads / plainSeconds;
+    state.counters["redirected_reads_per_s"] = reads / redirectedSeconds;
+    state.counters["redirected_to_plain"] = plainSeconds / redirectedSeconds;  // reads-per-second ratio
+    state.counters["records_per_lookup"] = (double)(g_setup->RecordsRead(redirected) - recordsBefore) / reads;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (!EnterPrivateNetwork()) {
+        fprintf(stderr, "needs root: the server takes its fixed ports in a network namespace of its own\n");
+        return 1;
+    }
+    Setup setup;
+    g_setup = &setup;
+    // Segments of 1 MiB, and of 64 KiB (one per READ).
+    for (long long segment : {MiB, 64 * 1024LL})
+        benchmark::RegisterBenchmark("NfsSequentialRead", SequentialRead)
+            ->Arg(segment)
+            ->Iterations(4)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+    // One segment per 32 MiB block (the estimate hits at once), then many.
+    for (long long count : {HUGE_SIZE >> 25, SegmentCount()})
+        benchmark::RegisterBenchmark("NfsRandomRead", RandomRead)
+            ->Arg(count)
+            ->Iterations(3000)
+            ->Unit(benchmark::kMicrosecond)
+            ->UseRealTime();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    g_setup = nullptr;
+    return 0;
+}
