@@ -21,7 +21,7 @@ mkdir -p "$run/corpus" "$run/findings" "$run/export"
 cp fuzz/corpus/* "$run/corpus/"
 
 fuzz=("$PWD/build-fuzz/fuzz_rpc" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=8192
-      -print_final_stats=1 -artifact_prefix="$run/findings/" "$@" "$run/corpus")
+      -dict="$PWD/fuzz/rpc.dict" -print_final_stats=1 -artifact_prefix="$run/findings/" "$@" "$run/corpus")
 export NFSENGINE_FUZZ_DIR="$run/export"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
