@@ -19,7 +19,7 @@ TCP, UDP = 0, 4
 READ_ONLY = 8
 
 # File IDs of the harness's export.
-ROOT, FILE, DIR, NESTED, SUB, DISK, EMPTY, OUTSIDE, PARENT = range(9)
+ROOT, FILE, DIR, NESTED, SUB, DISK, EMPTY, OUTSIDE, PARENT, SOCKET = range(10)
 
 AUTH_NULL, AUTH_UNIX = 0, 1
 
@@ -88,6 +88,8 @@ def nfs_calls():
         ("null", 0, b""),
         ("getattr-root", 1, fh(ROOT)),
         ("getattr-redirected", 1, fh(DISK)),
+        ("getattr-socket", 1, fh(SOCKET)),
+        ("getattr-outside", 1, fh(OUTSIDE)),
         ("setattr", 2, fh(FILE) + sattr(mode=0o644, size=50, atime=1, mtime=2) + u32(0)),
         ("setattr-guard", 2, fh(NESTED) + sattr(mode=0o1777, uid=0, gid=0) + u32(1) + u32(0) + u32(0)),
         ("lookup", 3, diropargs(ROOT, "file.txt")),

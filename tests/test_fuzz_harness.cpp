@@ -145,6 +145,9 @@ TEST_F(FuzzHarness, BuildsTheExportOfTheLayoutAndRemovesItWhenDone) {
         EXPECT_EQ(100, (int)ReadWholeFile(exportPath + "/file.txt").size());
         EXPECT_EQ(5000, (int)ReadWholeFile(exportPath + "/dir/nested.bin").size());
         EXPECT_TRUE(PathExists(exportPath + "/dir/sub"));
+        struct stat st;
+        ASSERT_EQ(0, lstat((exportPath + "/socket").c_str(), &st));
+        EXPECT_TRUE(S_ISSOCK(st.st_mode));
         EXPECT_TRUE(PathExists(exportPath + "/../outside.txt"));
         char target[64] = "";
         ASSERT_GT(readlink((exportPath + "/link").c_str(), target, sizeof target - 1), 0);
@@ -262,6 +265,7 @@ TEST_F(FuzzHarness, SeedsOfServedProceduresSucceed) {
         {"mount-mnt-tcp", 0, 0},                {"mount-mnt-v1-tcp", 0, 0},
         {"mount-mnt-udp", 0, 0},                {"mount-mnt-unknown-tcp", 0, 13},
         {"nfs-01-getattr-root-tcp", 0, 0},      {"nfs-01-getattr-redirected-udp", 0, 0},
+        {"nfs-01-getattr-socket-tcp", 0, 0},    {"nfs-01-getattr-outside-tcp", 0, 5},
         {"nfs-02-setattr-tcp", 0, 0},           {"nfs-03-lookup-tcp", 0, 0},
         {"nfs-03-lookup-dotdot-udp", 0, 0},     {"nfs-04-access-tcp", 0, 0},
         {"nfs-16-readdir-tcp", 0, 0},           {"nfs-17-readdirplus-udp", 0, 0},

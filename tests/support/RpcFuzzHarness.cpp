@@ -4,7 +4,9 @@
 #include <ftw.h>
 #include <netinet/in.h>
 #include <arpa/inet.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <climits>
@@ -64,6 +66,18 @@ private:
         return 0;
     }
 };
+
+// Leaves a socket file at path: bound, then closed.
+void MakeSocketFile(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return;
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd == -1) return;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) perror("fuzz harness: bind");
+    close(fd);
+}
 
 void WriteFile(const std::string& path, size_t size, char fill) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -125,6 +139,7 @@ void RpcFuzzHarness::BuildTree() {
     WriteFile(m_base + "/outside.txt", 10, '0');
     WriteFile(m_base + "/source.bin", SEGMENT_SIZE, 'S');
     if (symlink("file.txt", (m_export + "/link").c_str()) != 0) perror("fuzz harness: symlink");
+    MakeSocketFile(m_export + "/socket");
 }
 
 void RpcFuzzHarness::Run(const uint8_t* data, size_t size) {
@@ -154,7 +169,8 @@ void RpcFuzzHarness::Run(const uint8_t* data, size_t size) {
     // The file IDs of the layout described in the header.
     const std::string known[] = {m_export,           m_export + "/file.txt", m_export + "/dir",
                                  m_export + "/dir/nested.bin", m_export + "/dir/sub", m_export + "/disk.vmdk",
-                                 m_export + "/empty", m_base + "/outside.txt", m_base};
+                                 m_export + "/empty", m_base + "/outside.txt", m_base,
+                                 m_export + "/socket"};
     unsigned char handle[FILE_HANDLE_SIZE];
     for (const std::string& path : known) utilities->GetFileHandle(&runtime, &la, path.c_str(), handle, sizeof handle);
     const std::string disk = m_export + "/disk.vmdk";

@@ -24,6 +24,7 @@
 //   3 dir/nested.bin (5000)     4 dir/sub/               5 disk.vmdk
 //   6 empty (0 bytes)           7 ../outside.txt (beside the export)
 //   8 the folder that holds the export
+//   9 socket (a socket file)
 // plus "link", a symbolic link to file.txt. disk.vmdk is a registered
 // redirected file of 16384 bytes whose first 8192 come from ../source.bin.
 
