@@ -4,7 +4,8 @@
 # (crash, sanitizer report, leak, timeout, memory limit) ends the run with a
 # non-zero exit; the reproducer is left in build-fuzz/run/findings/.
 #   scripts/fuzz.sh [SECONDS]          (default 60)
-# Extra libFuzzer options may follow, e.g. scripts/fuzz.sh 900 -seed=7.
+# Extra libFuzzer options and folders of further inputs (read only, e.g. the
+# corpus of an earlier run) may follow: scripts/fuzz.sh 900 -seed=7 /tmp/old.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
@@ -21,7 +22,7 @@ mkdir -p "$run/corpus" "$run/findings" "$run/export"
 cp fuzz/corpus/* "$run/corpus/"
 
 fuzz=("$PWD/build-fuzz/fuzz_rpc" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=8192
-      -dict="$PWD/fuzz/rpc.dict" -print_final_stats=1 -artifact_prefix="$run/findings/" "$@" "$run/corpus")
+      -dict="$PWD/fuzz/rpc.dict" -print_final_stats=1 -artifact_prefix="$run/findings/" "$run/corpus" "$@")
 export NFSENGINE_FUZZ_DIR="$run/export"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
