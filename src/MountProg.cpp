@@ -1,5 +1,6 @@
 #include "MountProg.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "DataTruncatedExpt.h"
@@ -60,7 +61,7 @@ bool CMountProg::ReadPath(CRuntimeParam* rp, LogArgu* la, CInputStream* in, COpa
     in->SkipRemainOpaque(length);
     text[length] = '\0';
     // An embedded zero ends the name, as it would for any C text.
-    path->sPath = text;
+    snprintf(path->sPath, sizeof path->sPath, "%s", text);
     if (m_pUtilities && rp && rp->IsLogProcFuncArgu())
         m_pUtilities->LogInfo(rp, "[%s] Read path = %s", la && la->pcName ? la->pcName : "", text);
     return true;
@@ -75,7 +76,7 @@ bool CMountProg::Mount(CRuntimeParam* rp, LogArgu* la, CInputStream* in, Process
                        unsigned char* handle) {
     const bool logError = rp && rp->IsLogError();
     COpaquePath path;
-    if (!ReadPath(rp, la, in, &path) || path.sPath.empty()) {
+    if (!ReadPath(rp, la, in, &path) || path.sPath[0] == '\0') {
         if (logError) m_pUtilities->LogInfo(rp, "[%s] Fail to read export name", la->pcName);
         return false;
     }
@@ -85,7 +86,7 @@ bool CMountProg::Mount(CRuntimeParam* rp, LogArgu* la, CInputStream* in, Process
     }
     MountInfo mountInfo;
     char err[ERROR_TEXT_SIZE] = "";
-    if (!m_pUtilities->UpdateMountClientIpAddrByExportName(path.sPath.c_str(), param->sRemoteAddr.c_str(),
+    if (!m_pUtilities->UpdateMountClientIpAddrByExportName(path.sPath, param->sRemoteAddr.c_str(),
                                                            &mountInfo, err)) {
         if (logError) m_pUtilities->LogError(rp, "[%s] %s", la->pcName, err);
         return false;
@@ -130,7 +131,7 @@ int CMountProg::ProcedureUMNT(CInputStream* in, COutputStream*, ProcessParam* pa
     const bool logInfo = rp && rp->IsLogGeneralInfo();
     if (ReadPath(rp, &la, in, &path)) {
         if (logInfo) m_pUtilities->LogInfo(rp, "[%s] Umount OK", la.pcName);
-        m_pUtilities->UpdateMountClientIpAddrByExportName(path.sPath.c_str(), nullptr, nullptr, nullptr);
+        m_pUtilities->UpdateMountClientIpAddrByExportName(path.sPath, nullptr, nullptr, nullptr);
     } else if (logInfo) {
         m_pUtilities->LogInfo(rp, "[%s] Umount FAIL", la.pcName);
     }

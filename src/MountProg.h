@@ -1,13 +1,15 @@
 #pragma once
 
-#include <string>
-
 #include "RpcProg.h"
 #include "RuntimeParam.h"
+#include "Utilities.h"
 
-// The directory path argument of MNT and UMNT: the export name.
+// The directory path argument of MNT and UMNT: the export name. The NFS
+// program's filename3 is this same record, declared again in Nfs3Prog.h:
+// every declaration of it must stay token for token the same, or the
+// linker keeps one program's constructor for the other's objects.
 struct COpaquePath {
-    std::string sPath;
+    char sPath[PATH_BUFFER_SIZE] = "";
 };
 
 // The MOUNT program (100005). MNT turns an export name into the root file
@@ -27,8 +29,9 @@ public:
     int Process(CInputStream* in, COutputStream* out, ProcessParam* param) override;
     unsigned int GetMaxSupportProc() override { return PROCEDURE_COUNT; }
 
-    // Reads one XDR string into path->sPath. False when path is null or the
-    // length is MAX_PATH_LENGTH or more (then only the length was read).
+    // Reads one XDR string into path->sPath (up to an embedded zero). False
+    // when path is null or the length is MAX_PATH_LENGTH or more (then only
+    // the length was read).
     bool ReadPath(CRuntimeParam* rp, LogArgu* la, CInputStream* in, COpaquePath* path);
 
 private:

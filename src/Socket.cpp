@@ -65,17 +65,19 @@ void CSocket::Close() {
 
 void CSocket::Send() {
     uint32_t size = m_pOutputStream->GetBufferSize();
-    if (m_Socket == -1 || size == 0) return;
+    if (size == 0 || (m_Socket == -1 && !m_SendSink)) return;
     ssize_t sent;
-    if (m_iType == TYPE_TCP) {
+    if (m_SendSink) {
+        sent = m_SendSink(m_pOutputStream->GetBuffer(), size);
+    } else if (m_iType == TYPE_TCP) {
         sent = send(m_Socket, m_pOutputStream->GetBuffer(), size, MSG_NOSIGNAL);
     } else {
         sent = sendto(m_Socket, m_pOutputStream->GetBuffer(), size, MSG_NOSIGNAL,
                       reinterpret_cast<const sockaddr*>(&m_RemoteAddr), sizeof m_RemoteAddr);
-        // A datagram goes out whole or not at all; one that failed is dropped
-        // rather than left to prefix every later reply.
-        if (sent < 0) m_pOutputStream->ResetBuffer();
     }
+    // A datagram goes out whole or not at all; one that failed is dropped
+    // rather than left to prefix every later reply.
+    if (m_iType == TYPE_UDP && sent < 0) m_pOutputStream->ResetBuffer();
     if (sent >= 1) m_pOutputStream->FreeBuffer((uint32_t)sent);
 }
 

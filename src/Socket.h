@@ -2,8 +2,11 @@
 
 #include <netinet/in.h>
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
+#include <cstdint>
+#include <functional>
 #include <string>
 
 class CInputStream;
@@ -37,6 +40,13 @@ public:
     // Sends the output stream once; an unsent tail stays for the next Send.
     void Send();
 
+    // Takes what Send would send instead of a descriptor: returns the number
+    // of bytes taken, or -1 for a failed send. It lets a harness drive the
+    // dispatcher without a network (the fuzz target fills the input stream
+    // itself and calls SocketReceived); served connections never have one.
+    using SendSink = std::function<ssize_t(const unsigned char* data, uint32_t size)>;
+    void SetSendSink(SendSink sink) { m_SendSink = std::move(sink); }
+
     bool IsActive() const { return m_bActive; }
     int GetType() const { return m_iType; }
     unsigned long GetProgId() const { return m_lProgId; }
@@ -62,6 +72,7 @@ private:
     pthread_t m_hThread = (pthread_t)-1;
     int m_iThreadCreated = -1;
     unsigned long m_lProgId;
+    SendSink m_SendSink;
 };
 
 // Writes "<what>. <system text> (<errnum>)" into err (ERROR_TEXT_SIZE bytes)

@@ -391,7 +391,7 @@ TEST_F(MountProgramDirect, ReadPathTakesTheStringAndItsPadding) {
     Feed(PathArgs("abcde"));
     Feed(Word(7));
     EXPECT_TRUE(prog.ReadPath(&rp, &la, &in, &path));
-    EXPECT_EQ("abcde", path.sPath);
+    EXPECT_STREQ("abcde", path.sPath);
     EXPECT_EQ(12u, in.GetBufferIndex());  // length, 5 bytes, 3 of padding
     EXPECT_TRUE(log.Has("[Caller.Name] Read path = abcde")) << log.Dump();
     EXPECT_FALSE(prog.ReadPath(&rp, &la, &in, nullptr));
@@ -401,9 +401,9 @@ TEST_F(MountProgramDirect, ReadPathTakesTheStringAndItsPadding) {
 TEST_F(MountProgramDirect, ReadPathRefuses4096BytesAfterTheLength) {
     LogArgu la{"Caller.Name"};
     COpaquePath path;
-    path.sPath = "before";
+    snprintf(path.sPath, sizeof path.sPath, "before");
     Feed(PathArgs(std::string(4096, 'x')));
     EXPECT_FALSE(prog.ReadPath(&rp, &la, &in, &path));
     EXPECT_EQ(4u, in.GetBufferIndex());
-    EXPECT_EQ("before", path.sPath);
+    EXPECT_STREQ("before", path.sPath);
 }
