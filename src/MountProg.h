@@ -4,10 +4,8 @@
 #include "RuntimeParam.h"
 #include "Utilities.h"
 
-// The directory path argument of MNT and UMNT: the export name. The NFS
-// program's filename3 is this same record, declared again in Nfs3Prog.h:
-// every declaration of it must stay token for token the same, or the
-// linker keeps one program's constructor for the other's objects.
+// A path or name argument: the export name of MNT and UMNT, and (as
+// filename3) every name the NFS program reads. Declared once, here.
 struct COpaquePath {
     char sPath[PATH_BUFFER_SIZE] = "";
 };

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "FileTable.h"
+#include "MountProg.h"
 #include "RpcProg.h"
 #include "RuntimeParam.h"
 #include "Utilities.h"
@@ -62,10 +63,6 @@ struct opaque {
     uint32_t iBufLen = 0;
 };
 
-// A name or path carried as an XDR string.
-struct COpaquePath {
-    char sPath[PATH_BUFFER_SIZE] = "";
-};
 typedef COpaquePath filename3;
 
 struct specdata3 {
