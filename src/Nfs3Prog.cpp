@@ -405,17 +405,18 @@ int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
 
 // ---- file system information -------------------------------------------------------
 
-int CNfs3Prog::ProcedureFSSTAT(CInputStream* in, COutputStream* out, ProcessParam* param) {
-    NfsCall c(this, "Nfs3Prog.ProcedureFSSTAT", in, out, param);
+bool CNfs3Prog::BeginWithAttributes(NfsCall& c) {
     ReadObject(c);
     fattr3 attr;
     c.stat = CheckObject(c, attr);
     WriteStatus(c);
-    if (c.stat != NFS3_OK) {
-        WritePostOpAttr(out, nullptr);
-        return End(c);
-    }
-    WritePostOpAttr(out, &attr);
+    WritePostOpAttr(c.out, c.stat == NFS3_OK ? &attr : nullptr);
+    return c.stat == NFS3_OK;
+}
+
+int CNfs3Prog::ProcedureFSSTAT(CInputStream* in, COutputStream* out, ProcessParam* param) {
+    NfsCall c(this, "Nfs3Prog.ProcedureFSSTAT", in, out, param);
+    if (!BeginWithAttributes(c)) return End(c);
     WriteUint64(out, CUtilities::GetTotalDiskSpace(c.path));
     WriteUint64(out, CUtilities::GetFreeDiskSpace(c.path));
     WriteUint64(out, CUtilities::GetFreeDiskSpaceAvailableToCaller(c.path));
@@ -428,15 +429,7 @@ int CNfs3Prog::ProcedureFSSTAT(CInputStream* in, COutputStream* out, ProcessPara
 
 int CNfs3Prog::ProcedureFSINFO(CInputStream* in, COutputStream* out, ProcessParam* param) {
     NfsCall c(this, "Nfs3Prog.ProcedureFSINFO", in, out, param);
-    ReadObject(c);
-    fattr3 attr;
-    c.stat = CheckObject(c, attr);
-    WriteStatus(c);
-    if (c.stat != NFS3_OK) {
-        WritePostOpAttr(out, nullptr);
-        return End(c);
-    }
-    WritePostOpAttr(out, &attr);
+    if (!BeginWithAttributes(c)) return End(c);
     WriteUint32(out, FSINFO_RTMAX);
     WriteUint32(out, FSINFO_RTPREF);
     WriteUint32(out, FSINFO_RTMULT);

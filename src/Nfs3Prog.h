@@ -347,6 +347,10 @@ protected:
     nfsstat3 CheckOldEntry(NfsCall& c);
     // Writes c.stat.
     void WriteStatus(NfsCall& c) { WriteUint32(c.out, c.stat); }
+    // The start of the file-system information replies: reads the object,
+    // checks it, writes the status and its attributes (absent on failure);
+    // true when the handler goes on with its figures.
+    bool BeginWithAttributes(NfsCall& c);
     // The reply of the procedures that make an entry: status; on success the
     // handle and attributes of made (both absent for null); then the
     // directory's wcc_data, empty.
