@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <memory>
@@ -28,6 +29,10 @@ constexpr uint32_t MNT = 1;
 
 // The demo is built beside the tests folder.
 std::string DemoPath() { return FolderOf(OwnExecutablePath()) + "../nfs_demo"; }
+
+// The demo opened before the test hides /tmp behind a private tmpfs (the
+// build may well live under /tmp), run from this descriptor.
+int g_demoFd = -1;
 
 // The demo as a child whose standard output and error are read by the test.
 class DemoProcess {
@@ -50,11 +55,11 @@ public:
             dup2(fds[1], 2);
             close(fds[0]);
             close(fds[1]);
-            std::string path = DemoPath();
-            std::vector<char*> argv{const_cast<char*>(path.c_str())};
+            std::string name = "nfs_demo";
+            std::vector<char*> argv{const_cast<char*>(name.c_str())};
             for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
             argv.push_back(nullptr);
-            execv(path.c_str(), argv.data());
+            fexecve(g_demoFd, argv.data(), environ);
             _exit(127);
         }
         close(fds[1]);
@@ -122,8 +127,8 @@ const char* const READY = "nfs_demo: press Ctrl+C to stop";
 class Demo : public testing::Test {
 protected:
     void SetUp() override {
-        struct stat st;
-        ASSERT_EQ(0, stat(DemoPath().c_str(), &st)) << "the demo is not built: " << DemoPath();
+        if (g_demoFd == -1) g_demoFd = open(DemoPath().c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_NE(-1, g_demoFd) << "the demo is not built: " << DemoPath();
         std::string why;
         ASSERT_TRUE(EnterPrivateNetwork(&why)) << why;
         // The demo's built-in folder lives under /tmp, and the system
