@@ -19,12 +19,6 @@ using namespace nfs3wire;
 
 namespace {
 
-Bytes Words(std::initializer_list<uint32_t> words) {
-    XdrEncoder e;
-    for (uint32_t w : words) e.PutUint32(w);
-    return e.GetBytes();
-}
-
 class Nfs3BadInput : public testing::Test {
 protected:
     void SetUp() override {

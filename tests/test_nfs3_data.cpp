@@ -24,12 +24,6 @@ using namespace nfs3wire;
 
 namespace {
 
-Bytes Words(std::initializer_list<uint32_t> words) {
-    XdrEncoder e;
-    for (uint32_t w : words) e.PutUint32(w);
-    return e.GetBytes();
-}
-
 // size bytes that differ from one position to the next.
 std::string Pattern(size_t size, unsigned seed = 1) {
     std::string s(size, '\0');

@@ -18,11 +18,6 @@ using namespace nfs3wire;
 
 namespace {
 
-Bytes Words(std::initializer_list<uint32_t> words) {
-    XdrEncoder e;
-    for (uint32_t w : words) e.PutUint32(w);
-    return e.GetBytes();
-}
 Bytes U64(uint64_t v) {
     XdrEncoder e;
     e.PutUint64(v);

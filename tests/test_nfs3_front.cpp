@@ -38,12 +38,6 @@ void Fill(CInputStream& in, const Bytes& bytes) {
 
 Bytes Written(COutputStream& out) { return Bytes(out.GetBuffer(), out.GetBuffer() + out.GetBufferSize()); }
 
-Bytes Words(std::initializer_list<uint32_t> words) {
-    XdrEncoder e;
-    for (uint32_t w : words) e.PutUint32(w);
-    return e.GetBytes();
-}
-
 }  // namespace
 
 // ---- routing ------------------------------------------------------------------------

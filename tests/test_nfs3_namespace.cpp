@@ -20,12 +20,6 @@ using namespace nfs3wire;
 
 namespace {
 
-Bytes Words(std::initializer_list<uint32_t> words) {
-    XdrEncoder e;
-    for (uint32_t w : words) e.PutUint32(w);
-    return e.GetBytes();
-}
-
 // sattr3 values: nothing set, only the mode, mode and size.
 Bytes NoAttributes() { return Words({0, 0, 0, 0, 0, 0}); }
 Bytes ModeOnly(uint32_t mode) { return Words({1, mode, 0, 0, 0, 0, 0}); }

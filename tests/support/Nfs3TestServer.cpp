@@ -110,6 +110,21 @@ uint32_t HandleID(const Bytes& handle) {
     return id;
 }
 
+Bytes Words(std::initializer_list<uint32_t> words) {
+    XdrEncoder e;
+    for (uint32_t w : words) e.PutUint32(w);
+    return e.GetBytes();
+}
+
+Bytes Encode(const Fattr3& a) {
+    XdrEncoder e;
+    e.PutUint32(a.type).PutUint32(a.mode).PutUint32(a.nlink).PutUint32(a.uid).PutUint32(a.gid);
+    e.PutUint64(a.size).PutUint64(a.used).PutUint32(a.rdev1).PutUint32(a.rdev2).PutUint64(a.fsid);
+    e.PutUint64(a.fileid).PutUint32(a.atime).PutUint32(a.atimeNs).PutUint32(a.mtime).PutUint32(a.mtimeNs);
+    e.PutUint32(a.ctime).PutUint32(a.ctimeNs);
+    return e.GetBytes();
+}
+
 }  // namespace nfs3wire
 
 Nfs3TestServer::Nfs3TestServer(int logControl)

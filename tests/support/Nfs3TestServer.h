@@ -60,6 +60,10 @@ Bytes WriteArgs(const Bytes& handle, uint64_t offset, uint32_t count, const std:
                 uint32_t stable = 0);
 // Concatenation.
 Bytes Join(std::initializer_list<Bytes> parts);
+// XDR words, in order.
+Bytes Words(std::initializer_list<uint32_t> words);
+// An fattr3 as the server writes it.
+Bytes Encode(const Fattr3& a);
 // A word in host order read from bytes 0..3 of a handle (the file ID).
 uint32_t HandleID(const Bytes& handle);
 
