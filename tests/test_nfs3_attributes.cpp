@@ -59,13 +59,6 @@ protected:
         ASSERT_TRUE(server.Start(&err)) << err;
     }
 
-    // A call that must be answered with SUCCESS; its results.
-    Bytes Results(uint32_t proc, const Bytes& args, RpcTestClient::Transport t = RpcTestClient::TCP) {
-        RpcReply reply;
-        EXPECT_TRUE(server.Call(proc, args, reply, t)) << proc;
-        EXPECT_EQ(0u, reply.acceptStat) << proc;
-        return reply.results;
-    }
 
     std::string File(const std::string& name, const std::string& data = "hello world") {
         std::string path = server.PathOf(name);
@@ -92,11 +85,11 @@ TEST_F(Nfs3Attributes, GetattrSendsTheAttributesByteForByte) {
     ASSERT_EQ(0, chmod(file.c_str(), 0640));
     for (auto transport : {RpcTestClient::TCP, RpcTestClient::UDP}) {
         for (const std::string& path : {file, server.Root()}) {
-            Bytes results = Results(PROC_GETATTR, HandleArgs(server.Handle(path)), transport);
+            Bytes results = server.Results(PROC_GETATTR, HandleArgs(server.Handle(path)), transport);
             EXPECT_EQ(Join({Words({0}), Encode(ExpectedFattr3(path))}), results) << path;
         }
     }
-    XdrDecoder d(Results(PROC_GETATTR, HandleArgs(server.Handle(file))));
+    XdrDecoder d(server.Results(PROC_GETATTR, HandleArgs(server.Handle(file))));
     EXPECT_EQ(0u, d.GetUint32());
     Fattr3 a = GetFattr3(d);
     EXPECT_EQ(1u, a.type);
@@ -124,7 +117,7 @@ TEST_F(Nfs3Attributes, GetattrReportsMode01777As0777) {
         uint32_t mode;
     } cases[] = {{file, 1, 0777}, {dir, 2, 0777}, {setid, 1, 06755}};
     for (const Case& c : cases) {
-        XdrDecoder d(Results(PROC_GETATTR, HandleArgs(server.Handle(c.path))));
+        XdrDecoder d(server.Results(PROC_GETATTR, HandleArgs(server.Handle(c.path))));
         ASSERT_EQ(0u, d.GetUint32());
         Fattr3 a = GetFattr3(d);
         EXPECT_EQ(c.type, a.type) << c.path;
@@ -162,7 +155,7 @@ TEST_F(Nfs3Attributes, GetattrGivesDeviceNumbersInTheOldEightBitForm) {
         {server.Root(), 2, (uint32_t)(st.st_dev >> 8) & 0xFF, (uint32_t)st.st_dev & 0xFF},
     };
     for (const Case& c : cases) {
-        Bytes results = Results(PROC_GETATTR, HandleArgs(server.Handle(c.path)));
+        Bytes results = server.Results(PROC_GETATTR, HandleArgs(server.Handle(c.path)));
         EXPECT_EQ(Join({Words({0}), Encode(ExpectedFattr3(c.path))}), results) << c.path;
         XdrDecoder d(results);
         ASSERT_EQ(0u, d.GetUint32());
@@ -177,7 +170,7 @@ TEST_F(Nfs3Attributes, GetattrWithAHandleFromBeforeTheLastExportRemovalAnswersIo
     std::string file = File("f");
     Bytes old = server.Handle(file);
     server.Utilities().RemoveMountInfoByExportName(Nfs3TestServer::EXPORT_NAME);
-    EXPECT_EQ(Words({5}), Results(PROC_GETATTR, HandleArgs(old)));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(old)));
 
     // Exported again, the file table starts over: the old ID goes to
     // whatever file is handed out first, and the old handle reaches it.
@@ -186,28 +179,28 @@ TEST_F(Nfs3Attributes, GetattrWithAHandleFromBeforeTheLastExportRemovalAnswersIo
     ASSERT_TRUE(server.Utilities().AddMountInfo(&server.Runtime(), &la, server.Root().c_str(),
                                                 Nfs3TestServer::EXPORT_NAME, "", err))
         << err;
-    EXPECT_EQ(Words({5}), Results(PROC_GETATTR, HandleArgs(old)));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(old)));
     std::string other = File("other", "12345");
     ASSERT_EQ(HandleID(old), HandleID(server.Handle(other)));
-    EXPECT_EQ(Join({Words({0}), Encode(ExpectedFattr3(other))}), Results(PROC_GETATTR, HandleArgs(old)));
+    EXPECT_EQ(Join({Words({0}), Encode(ExpectedFattr3(other))}), server.Results(PROC_GETATTR, HandleArgs(old)));
 }
 
 TEST_F(Nfs3Attributes, GetattrRefusesPathsOutsideTheExportAndMissingFiles) {
     Bytes outside = server.Handle(server.Root() + "/..");
-    EXPECT_EQ(Words({5}), Results(PROC_GETATTR, HandleArgs(outside)));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(outside)));
     EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureGETATTR] Path record not found"));
 
     std::string file = File("gone");
     Bytes handle = server.Handle(file);
     ASSERT_EQ(0, unlink(file.c_str()));
-    EXPECT_EQ(Words({5}), Results(PROC_GETATTR, HandleArgs(handle)));
-    EXPECT_EQ(Words({5}), Results(PROC_GETATTR, HandleArgs(UnknownHandle())));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(handle)));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(UnknownHandle())));
     EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureGETATTR] End stat=5"));
 }
 
 TEST_F(Nfs3Attributes, GetattrLogsItsStepsUnderItsOwnNameAndTheExportsId) {
     std::string file = File("f");
-    Results(PROC_GETATTR, HandleArgs(server.Handle(file)));
+    server.Results(PROC_GETATTR, HandleArgs(server.Handle(file)));
     LogRecorder& log = server.Log();
     EXPECT_TRUE(log.Has("[Nfs3Prog.Process]"));
     EXPECT_TRUE(log.Has("[Nfs3Prog.ProcedureGETATTR]"));
@@ -229,13 +222,13 @@ TEST_F(Nfs3Attributes, GetattrLogsItsStepsUnderItsOwnNameAndTheExportsId) {
 // ---- LOOKUP ------------------------------------------------------------------------------
 
 TEST_F(Nfs3Attributes, LookupOfAMissingNameAnswersNoentWithOneAbsentAttribute) {
-    EXPECT_EQ(Words({2, 0}), Results(PROC_LOOKUP, DirOpArgs(server.Handle(server.Root()), "missing")));
+    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(server.Handle(server.Root()), "missing")));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureLOOKUP] End stat=2"));
 }
 
 TEST_F(Nfs3Attributes, LookupOfAnExistingNameAnswersHandleAttributesAndAnAbsentDirectoryAttribute) {
     std::string file = File("f");
-    Bytes results = Results(PROC_LOOKUP, DirOpArgs(server.Handle(server.Root()), "f"));
+    Bytes results = server.Results(PROC_LOOKUP, DirOpArgs(server.Handle(server.Root()), "f"));
     ASSERT_EQ(4u + 4 + 56 + 4 + 84 + 4, results.size());
     XdrDecoder d(results);
     EXPECT_EQ(0u, d.GetUint32());
@@ -255,8 +248,8 @@ TEST_F(Nfs3Attributes, LookupGivesNewPathsNewIds) {
     File("a");
     File("b");
     Bytes root = server.Handle(server.Root());
-    XdrDecoder da(Results(PROC_LOOKUP, DirOpArgs(root, "a")));
-    XdrDecoder db(Results(PROC_LOOKUP, DirOpArgs(root, "b")));
+    XdrDecoder da(server.Results(PROC_LOOKUP, DirOpArgs(root, "a")));
+    XdrDecoder db(server.Results(PROC_LOOKUP, DirOpArgs(root, "b")));
     ASSERT_EQ(0u, da.GetUint32());
     ASSERT_EQ(0u, db.GetUint32());
     uint32_t a = HandleID(da.GetOpaque());
@@ -285,16 +278,16 @@ TEST_F(Nfs3Attributes, LookupResolvesDotAndDotDotThroughTheCanonicalPath) {
     Bytes root = server.Handle(server.Root());
     Bytes subHandle = server.Handle(sub);
 
-    XdrDecoder dot(Results(PROC_LOOKUP, DirOpArgs(root, ".")));
+    XdrDecoder dot(server.Results(PROC_LOOKUP, DirOpArgs(root, ".")));
     ASSERT_EQ(0u, dot.GetUint32());
     EXPECT_EQ(root, dot.GetOpaque());
 
-    XdrDecoder up(Results(PROC_LOOKUP, DirOpArgs(subHandle, "..")));
+    XdrDecoder up(server.Results(PROC_LOOKUP, DirOpArgs(subHandle, "..")));
     ASSERT_EQ(0u, up.GetUint32());
     EXPECT_EQ(root, up.GetOpaque());
 
     // Above the export lies outside every mount.
-    EXPECT_EQ(Words({2, 0}), Results(PROC_LOOKUP, DirOpArgs(root, "..")));
+    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, "..")));
 }
 
 // ---- ACCESS -------------------------------------------------------------------------------
@@ -302,7 +295,7 @@ TEST_F(Nfs3Attributes, LookupResolvesDotAndDotDotThroughTheCanonicalPath) {
 TEST_F(Nfs3Attributes, AccessGrantsEverythingAskedOnAWritableServer) {
     std::string file = File("f");
     ASSERT_EQ(0, chmod(file.c_str(), 0));  // no permission is examined
-    Bytes results = Results(PROC_ACCESS, Join({HandleArgs(server.Handle(file)), Words({0x3F})}));
+    Bytes results = server.Results(PROC_ACCESS, Join({HandleArgs(server.Handle(file)), Words({0x3F})}));
     EXPECT_EQ(Join({Words({0, 1}), Encode(ExpectedFattr3(file)), Words({0x3F})}), results);
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureACCESS] Readonly: 0, access: 3f"));
 }
@@ -315,7 +308,7 @@ TEST_F(Nfs3Attributes, AccessOnAReadOnlyServerGrantsReadAndLookupOnly) {
         uint32_t asked, granted;
     } cases[] = {{0x3F, 0x03}, {0x01, 0x01}, {0x02, 0x02}, {0x3C, 0x00}, {0x20, 0x00}, {0xFFFFFFFF, 0xFFFFFFC3}};
     for (const Case& c : cases) {
-        XdrDecoder d(Results(PROC_ACCESS, Join({HandleArgs(handle), Words({c.asked})})));
+        XdrDecoder d(server.Results(PROC_ACCESS, Join({HandleArgs(handle), Words({c.asked})})));
         ASSERT_EQ(0u, d.GetUint32());
         ASSERT_TRUE(GetPostOpAttr(d));
         EXPECT_EQ(c.granted, d.GetUint32()) << c.asked;
@@ -325,7 +318,7 @@ TEST_F(Nfs3Attributes, AccessOnAReadOnlyServerGrantsReadAndLookupOnly) {
 }
 
 TEST_F(Nfs3Attributes, AccessWithAnUnknownHandleAnswersIoWithAnAbsentAttribute) {
-    EXPECT_EQ(Words({5, 0}), Results(PROC_ACCESS, Join({HandleArgs(UnknownHandle()), Words({0x3F})})));
+    EXPECT_EQ(Words({5, 0}), server.Results(PROC_ACCESS, Join({HandleArgs(UnknownHandle()), Words({0x3F})})));
 }
 
 // ---- SETATTR ------------------------------------------------------------------------------
@@ -333,9 +326,9 @@ TEST_F(Nfs3Attributes, AccessWithAnUnknownHandleAnswersIoWithAnAbsentAttribute) 
 TEST_F(Nfs3Attributes, SetattrWithoutAGuardAppliesAndAnswersEmptyWeakCacheData) {
     std::string file = File("f");
     Bytes handle = server.Handle(file);
-    EXPECT_EQ(Words({0, 0, 0}), Results(PROC_SETATTR, SetattrArgs(handle, SetMode(0600))));
+    EXPECT_EQ(Words({0, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(handle, SetMode(0600))));
     EXPECT_EQ(0600u, ModeOf(file));
-    EXPECT_EQ(Words({0, 0, 0}), Results(PROC_SETATTR, SetattrArgs(handle, SetSize(3))));
+    EXPECT_EQ(Words({0, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(handle, SetSize(3))));
     EXPECT_EQ(3, SizeOf(file));
     EXPECT_EQ("hel", ReadWholeFile(file));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureSETATTR] Guard check: 0, time: 0"));
@@ -344,7 +337,7 @@ TEST_F(Nfs3Attributes, SetattrWithoutAGuardAppliesAndAnswersEmptyWeakCacheData) 
 
 TEST_F(Nfs3Attributes, SetattrWithMode01777Applies0777) {
     std::string file = File("f");
-    EXPECT_EQ(Words({0, 0, 0}), Results(PROC_SETATTR, SetattrArgs(server.Handle(file), SetMode(01777))));
+    EXPECT_EQ(Words({0, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(server.Handle(file), SetMode(01777))));
     EXPECT_EQ(0777u, ModeOf(file));
 }
 
@@ -355,14 +348,14 @@ TEST_F(Nfs3Attributes, SetattrWithAGuardOfNonZeroCtimeAnswersNotSync) {
     ASSERT_EQ(0, lstat(file.c_str(), &st));
     uint32_t ctime = (uint32_t)st.st_ctime;
     // The server takes no before-attributes: even the true ctime fails.
-    Bytes results = Results(PROC_SETATTR, SetattrArgs(server.Handle(file), SetMode(0600), Words({1, ctime, 0})));
+    Bytes results = server.Results(PROC_SETATTR, SetattrArgs(server.Handle(file), SetMode(0600), Words({1, ctime, 0})));
     EXPECT_EQ(Words({10002, 0, 0}), results);
     EXPECT_EQ(0644u, ModeOf(file));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureSETATTR] Guard check fail, client: " + std::to_string(ctime) +
                                  ", server: 0"));
     // A guard of zero seconds matches the empty before-record.
     EXPECT_EQ(Words({0, 0, 0}),
-              Results(PROC_SETATTR, SetattrArgs(server.Handle(file), SetMode(0600), Words({1, 0, 12345}))));
+              server.Results(PROC_SETATTR, SetattrArgs(server.Handle(file), SetMode(0600), Words({1, 0, 12345}))));
     EXPECT_EQ(0600u, ModeOf(file));
 }
 
@@ -373,7 +366,7 @@ TEST_F(Nfs3Attributes, SetattrFlagOfTwoMisreadsTheFieldsBehindIt) {
     // the 0 meant as the mode becomes the uid flag, the next 0 the gid flag,
     // and the 1 after it the size flag, with 5 as the size.
     Bytes sattr = Words({2, 0, 0, 1, 0, 5, 0, 0});
-    EXPECT_EQ(Words({0, 0, 0}), Results(PROC_SETATTR, SetattrArgs(server.Handle(file), sattr)));
+    EXPECT_EQ(Words({0, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(server.Handle(file), sattr)));
     EXPECT_EQ(0644u, ModeOf(file));
     EXPECT_EQ(5, SizeOf(file));
 }
@@ -381,14 +374,14 @@ TEST_F(Nfs3Attributes, SetattrFlagOfTwoMisreadsTheFieldsBehindIt) {
 TEST_F(Nfs3Attributes, SetattrOnAReadOnlyServerStillApplies) {
     server.Program().SetReadOnly(true);
     std::string file = File("f");
-    EXPECT_EQ(Words({0, 0, 0}), Results(PROC_SETATTR, SetattrArgs(server.Handle(file), SetMode(0604))));
+    EXPECT_EQ(Words({0, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(server.Handle(file), SetMode(0604))));
     EXPECT_EQ(0604u, ModeOf(file));
 }
 
 TEST_F(Nfs3Attributes, SetattrPassesServerTimeAsSetWithAZeroTime) {
     std::string file = File("f");
     Bytes sattr = Words({0, 0, 0, 0, 1, 2, 1000, 7});
-    EXPECT_EQ(Words({0, 0, 0}), Results(PROC_SETATTR, SetattrArgs(server.Handle(file), sattr)));
+    EXPECT_EQ(Words({0, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(server.Handle(file), sattr)));
     EXPECT_EQ(1, server.Log().CountContaining(
                      "set_atime=1, atime.sec=0, atime.nsec=0, set_mtime=1, mtime.sec=1000, mtime.nsec=7"))
         << server.Log().Dump();
@@ -397,7 +390,7 @@ TEST_F(Nfs3Attributes, SetattrPassesServerTimeAsSetWithAZeroTime) {
 TEST_F(Nfs3Attributes, SetattrThatTheFileServiceRefusesAnswersInval) {
     std::string dir = server.PathOf("dir");
     ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
-    EXPECT_EQ(Words({22, 0, 0}), Results(PROC_SETATTR, SetattrArgs(server.Handle(dir), SetSize(0))));
+    EXPECT_EQ(Words({22, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(server.Handle(dir), SetSize(0))));
     std::vector<std::string> errors = server.Log().Texts("error");
     EXPECT_NE(errors.end(),
               std::find(errors.begin(), errors.end(), "[Nfs3Prog.ProcedureSETATTR] Update file attribute to " + dir + " fail"))
@@ -405,11 +398,11 @@ TEST_F(Nfs3Attributes, SetattrThatTheFileServiceRefusesAnswersInval) {
 }
 
 TEST_F(Nfs3Attributes, SetattrWithAnUnknownHandleAnswersIo) {
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_SETATTR, SetattrArgs(UnknownHandle(), SetMode(0600))));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(UnknownHandle(), SetMode(0600))));
     std::string file = File("gone");
     Bytes handle = server.Handle(file);
     ASSERT_EQ(0, unlink(file.c_str()));
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_SETATTR, SetattrArgs(handle, SetSize(10))));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(handle, SetSize(10))));
     EXPECT_FALSE(PathExists(file));
 }
 
@@ -420,7 +413,7 @@ TEST_F(Nfs3Attributes, ReadlinkAnswersIoOnAnyHandle) {
     std::string link = server.PathOf("link");
     ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
     for (const Bytes& handle : {server.Handle(link), server.Handle(server.Root()), UnknownHandle()})
-        EXPECT_EQ(Words({5, 0}), Results(PROC_READLINK, HandleArgs(handle)));
+        EXPECT_EQ(Words({5, 0}), server.Results(PROC_READLINK, HandleArgs(handle)));
     EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureREADLINK] Path record not found"));
     EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureREADLINK] End stat=5"));
 }

@@ -28,12 +28,6 @@ protected:
         WriteWholeFile(server.PathOf("w"), "");
     }
 
-    Bytes Results(uint32_t proc, const Bytes& args, RpcTestClient::Transport t = RpcTestClient::TCP) {
-        RpcReply reply;
-        EXPECT_TRUE(server.Call(proc, args, reply, t)) << proc;
-        EXPECT_EQ(0u, reply.acceptStat) << proc;
-        return reply.results;
-    }
 
     // The server still answers over both transports, with real results.
     void ExpectServing() {
@@ -41,7 +35,7 @@ protected:
             RpcReply reply;
             ASSERT_TRUE(server.Call(PROC_NULL, {}, reply, transport));
             EXPECT_EQ(0u, reply.acceptStat);
-            XdrDecoder d(Results(PROC_GETATTR, HandleArgs(server.Handle(server.PathOf("f"))), transport));
+            XdrDecoder d(server.Results(PROC_GETATTR, HandleArgs(server.Handle(server.PathOf("f"))), transport));
             EXPECT_EQ(0u, d.GetUint32());
             EXPECT_EQ(9u, GetFattr3(d).size);
         }
@@ -92,12 +86,12 @@ TEST_F(Nfs3BadInput, HandlesShorterThanAnIdNameNoFileWhateverFollows) {
     Bytes file = server.Handle(server.PathOf("f"));
     Bytes root = server.Handle(server.Root());
     // The word after an empty handle holds a valid ID: it is not taken for one.
-    EXPECT_EQ(Words({5}), Results(PROC_GETATTR, Words({0})));
-    EXPECT_EQ(Words({5, 0}), Results(PROC_ACCESS, Join({Words({0}), Bytes(root.begin(), root.begin() + 4)})));
-    EXPECT_EQ(Words({5}), Results(PROC_GETATTR, HandleArgs(Prefix(file, 3))));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, Words({0})));
+    EXPECT_EQ(Words({5, 0}), server.Results(PROC_ACCESS, Join({Words({0}), Bytes(root.begin(), root.begin() + 4)})));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(Prefix(file, 3))));
     XdrEncoder lookup;
     lookup.PutOpaque(nullptr, 0).PutString("f");
-    EXPECT_EQ(Words({2, 0}), Results(PROC_LOOKUP, lookup.GetBytes()));
+    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, lookup.GetBytes()));
 }
 
 TEST_F(Nfs3BadInput, HandlesOfFourAndSixtyFourBytesAreTakenByTheirFirstFourBytes) {
@@ -107,19 +101,19 @@ TEST_F(Nfs3BadInput, HandlesOfFourAndSixtyFourBytesAreTakenByTheirFirstFourBytes
     Fattr3 expected = ExpectedFattr3(server.PathOf("f"));
     for (const Bytes& handle : {Prefix(file, 4), longer}) {
         for (auto transport : {RpcTestClient::TCP, RpcTestClient::UDP}) {
-            XdrDecoder d(Results(PROC_GETATTR, HandleArgs(handle), transport));
+            XdrDecoder d(server.Results(PROC_GETATTR, HandleArgs(handle), transport));
             ASSERT_EQ(0u, d.GetUint32()) << handle.size();
             EXPECT_EQ(expected.fileid, GetFattr3(d).fileid);
             EXPECT_EQ(0u, d.Remaining());
         }
         // The arguments behind the handle are read in step.
-        XdrDecoder access(Results(PROC_ACCESS, Join({HandleArgs(handle), Words({0x21})})));
+        XdrDecoder access(server.Results(PROC_ACCESS, Join({HandleArgs(handle), Words({0x21})})));
         ASSERT_EQ(0u, access.GetUint32());
         ASSERT_TRUE(GetPostOpAttr(access));
         EXPECT_EQ(0x21u, access.GetUint32());
     }
     Bytes root = server.Handle(server.Root());
-    XdrDecoder d(Results(PROC_LOOKUP, DirOpArgs(Prefix(root, 4), "f")));
+    XdrDecoder d(server.Results(PROC_LOOKUP, DirOpArgs(Prefix(root, 4), "f")));
     ASSERT_EQ(0u, d.GetUint32());
     EXPECT_EQ(file, d.GetOpaque());
     ExpectServing();
@@ -128,11 +122,11 @@ TEST_F(Nfs3BadInput, HandlesOfFourAndSixtyFourBytesAreTakenByTheirFirstFourBytes
 TEST_F(Nfs3BadInput, LongNamesAreReadInStepAndNeverOverrunAPath) {
     Bytes root = server.Handle(server.Root());
     // 4095 bytes fit a name but not the path they make with the folder.
-    EXPECT_EQ(Words({2, 0}), Results(PROC_LOOKUP, DirOpArgs(root, std::string(4095, 'n'))));
-    EXPECT_EQ(Words({2, 0}), Results(PROC_LOOKUP, DirOpArgs(root, std::string(4095, 'n')), RpcTestClient::UDP));
+    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(4095, 'n'))));
+    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(4095, 'n')), RpcTestClient::UDP));
     // 4096 bytes and more are taken as an empty name: the folder itself.
     for (size_t length : {4096, 70000}) {
-        XdrDecoder d(Results(PROC_LOOKUP, DirOpArgs(root, std::string(length, 'n'))));
+        XdrDecoder d(server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(length, 'n'))));
         ASSERT_EQ(0u, d.GetUint32()) << length;
         EXPECT_EQ(root, d.GetOpaque()) << length;
         Fattr3 attr;
@@ -141,11 +135,11 @@ TEST_F(Nfs3BadInput, LongNamesAreReadInStepAndNeverOverrunAPath) {
         EXPECT_FALSE(GetPostOpAttr(d));
         EXPECT_EQ(0u, d.Remaining());
     }
-    XdrDecoder udp(Results(PROC_LOOKUP, DirOpArgs(root, std::string(4096, 'n')), RpcTestClient::UDP));
+    XdrDecoder udp(server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(4096, 'n')), RpcTestClient::UDP));
     ASSERT_EQ(0u, udp.GetUint32());
     EXPECT_EQ(root, udp.GetOpaque());
     // A name of 255 bytes that does not exist.
-    EXPECT_EQ(Words({2, 0}), Results(PROC_LOOKUP, DirOpArgs(root, std::string(255, 'n'))));
+    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(255, 'n'))));
     ExpectServing();
 }
 

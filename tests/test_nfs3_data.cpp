@@ -66,17 +66,11 @@ protected:
         ASSERT_TRUE(server.Start(&err)) << err;
     }
 
-    Bytes Results(uint32_t proc, const Bytes& args, RpcTestClient::Transport t = RpcTestClient::TCP) {
-        RpcReply reply;
-        EXPECT_TRUE(server.Call(proc, args, reply, t)) << proc;
-        EXPECT_EQ(0u, reply.acceptStat) << proc;
-        return reply.results;
-    }
 
     // A READ that must succeed.
     ReadResult Read(const Bytes& handle, uint64_t offset, uint32_t count,
                     RpcTestClient::Transport t = RpcTestClient::TCP) {
-        XdrDecoder d(Results(PROC_READ, ReadArgs(handle, offset, count), t));
+        XdrDecoder d(server.Results(PROC_READ, ReadArgs(handle, offset, count), t));
         ReadResult r;
         EXPECT_EQ(0u, d.GetUint32());
         EXPECT_FALSE(GetPostOpAttr(d));  // never sent with READ
@@ -92,7 +86,7 @@ protected:
 
     // A WRITE that must succeed.
     WriteResult Write(const Bytes& args, RpcTestClient::Transport t = RpcTestClient::TCP) {
-        XdrDecoder d(Results(PROC_WRITE, args, t));
+        XdrDecoder d(server.Results(PROC_WRITE, args, t));
         WriteResult w;
         EXPECT_EQ(0u, d.GetUint32());
         EXPECT_EQ(0u, d.GetUint32());  // wcc before
@@ -137,7 +131,7 @@ TEST_F(Nfs3Data, ReadOf100000BytesFromALargeFileReturns65536AndNoEof) {
 TEST_F(Nfs3Data, ReadWithCountZeroAnswersNoDataAndEof) {
     WriteWholeFile(server.PathOf("f"), "0123456789");
     for (auto transport : {RpcTestClient::TCP, RpcTestClient::UDP}) {
-        EXPECT_EQ(Words({0, 0, 0, 1, 0}), Results(PROC_READ, ReadArgs(server.Handle(server.PathOf("f")), 3, 0),
+        EXPECT_EQ(Words({0, 0, 0, 1, 0}), server.Results(PROC_READ, ReadArgs(server.Handle(server.PathOf("f")), 3, 0),
                                                    transport));
     }
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureREAD] Read=0 (eof=T)"));
@@ -193,7 +187,7 @@ TEST_F(Nfs3Data, ReadCountLargerThanTheFreeReplySpaceIsInvalAndLeavesNoHeader) {
     // READ header (16 bytes) come before the data in the 1 MiB buffer.
     const uint32_t room = 1048576 - 28 - 4 - 16;
     for (uint32_t count : {0xFFFFFFFFu, 1048576u, room + 1}) {
-        EXPECT_EQ(Words({22, 0}), Results(PROC_READ, ReadArgs(file, 0, count))) << count;
+        EXPECT_EQ(Words({22, 0}), server.Results(PROC_READ, ReadArgs(file, 0, count))) << count;
     }
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureREAD] Count bigger than free buffer (path=" +
                                  server.PathOf("f") + ", offset=0 length=4294967295)"));
@@ -203,16 +197,16 @@ TEST_F(Nfs3Data, ReadCountLargerThanTheFreeReplySpaceIsInvalAndLeavesNoHeader) {
     EXPECT_EQ("0123456789", Read(file, 0, room).data);
     // A datagram has no record mark: 4 bytes more room.
     EXPECT_EQ("0123456789", Read(file, 0, room + 4, RpcTestClient::UDP).data);
-    EXPECT_EQ(Words({22, 0}), Results(PROC_READ, ReadArgs(file, 0, room + 5), RpcTestClient::UDP));
+    EXPECT_EQ(Words({22, 0}), server.Results(PROC_READ, ReadArgs(file, 0, room + 5), RpcTestClient::UDP));
 }
 
 TEST_F(Nfs3Data, ReadOfAStaleHandleOrAMissingFileIsIo) {
     WriteWholeFile(server.PathOf("gone"), "data");
     Bytes gone = server.Handle(server.PathOf("gone"));
     ASSERT_EQ(0, unlink(server.PathOf("gone").c_str()));
-    EXPECT_EQ(Words({5, 0}), Results(PROC_READ, ReadArgs(gone, 0, 4)));
-    EXPECT_EQ(Words({5, 0}), Results(PROC_READ, ReadArgs(UnknownHandle(), 0, 4)));
-    EXPECT_EQ(Words({5, 0}), Results(PROC_READ, ReadArgs(UnknownHandle(), 0, 4), RpcTestClient::UDP));
+    EXPECT_EQ(Words({5, 0}), server.Results(PROC_READ, ReadArgs(gone, 0, 4)));
+    EXPECT_EQ(Words({5, 0}), server.Results(PROC_READ, ReadArgs(UnknownHandle(), 0, 4)));
+    EXPECT_EQ(Words({5, 0}), server.Results(PROC_READ, ReadArgs(UnknownHandle(), 0, 4), RpcTestClient::UDP));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureREAD] Path record not found"));
     EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureREAD] End stat=5"));
     EXPECT_EQ(0, server.Log().Count("[Nfs3Prog.ProcedureREAD] Read fail"));
@@ -221,12 +215,12 @@ TEST_F(Nfs3Data, ReadOfAStaleHandleOrAMissingFileIsIo) {
 TEST_F(Nfs3Data, ReadThatTheFileServiceCannotDoIsInval) {
     // A folder cannot be opened for reading and writing.
     ASSERT_EQ(0, mkdir(server.PathOf("folder").c_str(), 0755));
-    EXPECT_EQ(Words({22, 0}), Results(PROC_READ, ReadArgs(server.Handle(server.PathOf("folder")), 0, 10)));
+    EXPECT_EQ(Words({22, 0}), server.Results(PROC_READ, ReadArgs(server.Handle(server.PathOf("folder")), 0, 10)));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureREAD] Read return -1 (path=" + server.PathOf("folder") +
                                  ", offset=0 length=10)"));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureREAD] Read fail"));
     // A count of 0 reads nothing, so nothing can fail.
-    EXPECT_EQ(Words({0, 0, 0, 1, 0}), Results(PROC_READ, ReadArgs(server.Handle(server.PathOf("folder")), 0, 0)));
+    EXPECT_EQ(Words({0, 0, 0, 1, 0}), server.Results(PROC_READ, ReadArgs(server.Handle(server.PathOf("folder")), 0, 0)));
 }
 
 TEST_F(Nfs3Data, ReadOfARedirectedFileServesItsSegments) {
@@ -299,8 +293,8 @@ TEST_F(Nfs3Data, WriteOnAReadOnlyServerIsAccesWithEmptyWccDataEvenForAStaleHandl
     server.Program().SetReadOnly(true);
     for (auto transport : {RpcTestClient::TCP, RpcTestClient::UDP}) {
         EXPECT_EQ(Words({13, 0, 0}),
-                  Results(PROC_WRITE, WriteArgs(server.Handle(server.PathOf("f")), 0, 3, "abc"), transport));
-        EXPECT_EQ(Words({13, 0, 0}), Results(PROC_WRITE, WriteArgs(UnknownHandle(), 0, 3, "abc"), transport));
+                  server.Results(PROC_WRITE, WriteArgs(server.Handle(server.PathOf("f")), 0, 3, "abc"), transport));
+        EXPECT_EQ(Words({13, 0, 0}), server.Results(PROC_WRITE, WriteArgs(UnknownHandle(), 0, 3, "abc"), transport));
     }
     EXPECT_EQ("0123456789", ReadWholeFile(server.PathOf("f")));
     EXPECT_EQ(4, server.Log().Count("[Nfs3Prog.ProcedureWRITE] Write fail"));
@@ -319,7 +313,7 @@ TEST_F(Nfs3Data, WritePastTheMaximumFileSizeIsFbigAndWritesNothing) {
         uint32_t count;
     } cases[] = {{max - 10, 11}, {max, 1}, {max + 1, 0}, {~0ull, 1}, {1ull << 63, 4}};
     for (const auto& c : cases) {
-        EXPECT_EQ(Words({27, 0, 0}), Results(PROC_WRITE, WriteArgs(file, c.offset, c.count, "abcd")))
+        EXPECT_EQ(Words({27, 0, 0}), server.Results(PROC_WRITE, WriteArgs(file, c.offset, c.count, "abcd")))
             << c.offset << " " << c.count;
     }
     EXPECT_EQ("0123456789", ReadWholeFile(server.PathOf("f")));
@@ -330,8 +324,8 @@ TEST_F(Nfs3Data, WritePastTheMaximumFileSizeIsFbigAndWritesNothing) {
 
 TEST_F(Nfs3Data, WriteThatTheFileServiceCannotDoIsInval) {
     ASSERT_EQ(0, mkdir(server.PathOf("folder").c_str(), 0755));
-    EXPECT_EQ(Words({22, 0, 0}), Results(PROC_WRITE, WriteArgs(server.Handle(server.PathOf("folder")), 0, 3, "abc")));
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_WRITE, WriteArgs(UnknownHandle(), 0, 3, "abc")));
+    EXPECT_EQ(Words({22, 0, 0}), server.Results(PROC_WRITE, WriteArgs(server.Handle(server.PathOf("folder")), 0, 3, "abc")));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_WRITE, WriteArgs(UnknownHandle(), 0, 3, "abc")));
     EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureWRITE] Write fail"));
 }
 
@@ -364,7 +358,7 @@ TEST_F(Nfs3Data, WriteToARedirectedFileIsReportedAndTheAnswerIsTheCount) {
     WriteWholeFile(path, "local");
     ASSERT_NE(nullptr, server.Utilities().OpenRedirectedFile(&server.Runtime(), path.c_str(), 1000, false, 0, 0));
     // Nobody answers: the write fails.
-    EXPECT_EQ(Words({22, 0, 0}), Results(PROC_WRITE, WriteArgs(server.Handle(path), 0, 3, "abc")));
+    EXPECT_EQ(Words({22, 0, 0}), server.Results(PROC_WRITE, WriteArgs(server.Handle(path), 0, 3, "abc")));
     AcceptingController controller;
     server.Utilities().SetCallback(&controller);
     EXPECT_EQ(99u, Write(WriteArgs(server.Handle(path), 500, 100, std::string(100, 'w'))).count);
@@ -388,11 +382,11 @@ TEST_F(Nfs3Data, CommitAnswersIoWithEmptyWccData) {
     WriteWholeFile(server.PathOf("f"), "0123456789");
     Bytes file = server.Handle(server.PathOf("f"));
     for (auto transport : {RpcTestClient::TCP, RpcTestClient::UDP}) {
-        EXPECT_EQ(Words({5, 0, 0}), Results(PROC_COMMIT, ReadArgs(file, 0, 10), transport));
-        EXPECT_EQ(Words({5, 0, 0}), Results(PROC_COMMIT, ReadArgs(UnknownHandle(), 0, 0), transport));
+        EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_COMMIT, ReadArgs(file, 0, 10), transport));
+        EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_COMMIT, ReadArgs(UnknownHandle(), 0, 0), transport));
     }
     server.Program().SetReadOnly(true);
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_COMMIT, ReadArgs(file, 0, 10)));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_COMMIT, ReadArgs(file, 0, 10)));
     EXPECT_EQ(5, server.Log().Count("[Nfs3Prog.ProcedureCOMMIT] Path record not found"));
     EXPECT_EQ(5, server.Log().Count("[Nfs3Prog.ProcedureCOMMIT] End stat=5"));
     // The arguments were read in step: a call right behind is served.

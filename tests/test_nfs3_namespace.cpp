@@ -70,16 +70,10 @@ protected:
         root = server.Handle(server.Root());
     }
 
-    Bytes Results(uint32_t proc, const Bytes& args, RpcTestClient::Transport t = RpcTestClient::TCP) {
-        RpcReply reply;
-        EXPECT_TRUE(server.Call(proc, args, reply, t)) << proc;
-        EXPECT_EQ(0u, reply.acceptStat) << proc;
-        return reply.results;
-    }
 
     // A CREATE or MKDIR that must succeed: handle, attributes, empty dir_wcc.
     NewEntry Made(uint32_t proc, const Bytes& args, RpcTestClient::Transport t = RpcTestClient::TCP) {
-        XdrDecoder d(Results(proc, args, t));
+        XdrDecoder d(server.Results(proc, args, t));
         NewEntry entry;
         EXPECT_EQ(0u, d.GetUint32());
         EXPECT_EQ(1u, d.GetUint32());  // handle_follows
@@ -93,7 +87,7 @@ protected:
     }
 
     // GETATTR of a handle: the attributes, or a failure status alone.
-    Bytes Getattr(const Bytes& handle) { return Results(PROC_GETATTR, HandleArgs(handle)); }
+    Bytes Getattr(const Bytes& handle) { return server.Results(PROC_GETATTR, HandleArgs(handle)); }
 
     Nfs3TestServer server;
     Bytes root;
@@ -125,7 +119,7 @@ TEST_F(Nfs3Namespace, CreateMakesTheFileAndAnswersItsHandleAndAttributes) {
 TEST_F(Nfs3Namespace, CreateGuardedOfAnExistingFileIsExistAndUncheckedKeepsItsFileId) {
     NewEntry first = Made(PROC_CREATE, CreateArgs(root, "f", 1));
     WriteWholeFile(server.PathOf("f"), "contents");
-    EXPECT_EQ(Words({17, 0, 0}), Results(PROC_CREATE, CreateArgs(root, "f", 1)));
+    EXPECT_EQ(Words({17, 0, 0}), server.Results(PROC_CREATE, CreateArgs(root, "f", 1)));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureCREATE] Mode: 1, Is file exist before create: 1"));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureCREATE] End stat=17"));
     EXPECT_EQ("contents", ReadWholeFile(server.PathOf("f")));
@@ -158,14 +152,14 @@ TEST_F(Nfs3Namespace, CreateAppliesTheAttributesAsSetattrDoes) {
 }
 
 TEST_F(Nfs3Namespace, CreateWithAnUnknownModeOrInAMissingFolderIsIo) {
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_CREATE, CreateArgs(root, "odd", 3)));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_CREATE, CreateArgs(root, "odd", 3)));
     EXPECT_FALSE(PathExists(server.PathOf("odd")));
     ASSERT_EQ(0, mkdir(server.PathOf("gone").c_str(), 0755));
     Bytes gone = server.Handle(server.PathOf("gone"));
     ASSERT_EQ(0, rmdir(server.PathOf("gone").c_str()));
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_CREATE, CreateArgs(gone, "f", 0)));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_CREATE, CreateArgs(gone, "f", 0)));
     // An unknown directory handle fails the mount check.
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_CREATE, CreateArgs(UnknownHandle(), "f", 0)));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_CREATE, CreateArgs(UnknownHandle(), "f", 0)));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureCREATE] Path record not found"));
     EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureCREATE] End stat=5"));
 }
@@ -173,11 +167,11 @@ TEST_F(Nfs3Namespace, CreateWithAnUnknownModeOrInAMissingFolderIsIo) {
 TEST_F(Nfs3Namespace, CreateAndMkdirOnAReadOnlyServerAreAccesEvenWithAStaleDirectoryHandle) {
     server.Program().SetReadOnly(true);
     for (auto transport : {RpcTestClient::TCP, RpcTestClient::UDP}) {
-        EXPECT_EQ(Words({13, 0, 0}), Results(PROC_CREATE, CreateArgs(root, "f", 0), transport));
-        EXPECT_EQ(Words({13, 0, 0}), Results(PROC_CREATE, CreateArgs(UnknownHandle(), "f", 0), transport));
-        EXPECT_EQ(Words({13, 0, 0}), Results(PROC_MKDIR, Join({DirOpArgs(root, "d"), NoAttributes()}), transport));
+        EXPECT_EQ(Words({13, 0, 0}), server.Results(PROC_CREATE, CreateArgs(root, "f", 0), transport));
+        EXPECT_EQ(Words({13, 0, 0}), server.Results(PROC_CREATE, CreateArgs(UnknownHandle(), "f", 0), transport));
+        EXPECT_EQ(Words({13, 0, 0}), server.Results(PROC_MKDIR, Join({DirOpArgs(root, "d"), NoAttributes()}), transport));
         EXPECT_EQ(Words({13, 0, 0}),
-                  Results(PROC_MKDIR, Join({DirOpArgs(UnknownHandle(), "d"), NoAttributes()}), transport));
+                  server.Results(PROC_MKDIR, Join({DirOpArgs(UnknownHandle(), "d"), NoAttributes()}), transport));
     }
     EXPECT_FALSE(PathExists(server.PathOf("f")));
     EXPECT_FALSE(PathExists(server.PathOf("d")));
@@ -206,9 +200,9 @@ TEST_F(Nfs3Namespace, MkdirWithoutAModeCreatesTheFolderWith0755) {
 TEST_F(Nfs3Namespace, MkdirOfAnExistingNameOrInAMissingFolderIsIo) {
     ASSERT_EQ(0, mkdir(server.PathOf("d").c_str(), 0755));
     WriteWholeFile(server.PathOf("f"), "");
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_MKDIR, Join({DirOpArgs(root, "d"), NoAttributes()})));
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_MKDIR, Join({DirOpArgs(root, "f"), NoAttributes()})));
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_MKDIR, Join({DirOpArgs(root, "none/d"), NoAttributes()})));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_MKDIR, Join({DirOpArgs(root, "d"), NoAttributes()})));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_MKDIR, Join({DirOpArgs(root, "f"), NoAttributes()})));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_MKDIR, Join({DirOpArgs(root, "none/d"), NoAttributes()})));
     EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureMKDIR] End stat=5"));
 }
 
@@ -217,11 +211,11 @@ TEST_F(Nfs3Namespace, MkdirOfAnExistingNameOrInAMissingFolderIsIo) {
 TEST_F(Nfs3Namespace, RemoveDeletesTheFileAndItsOldHandleThenFindsNothing) {
     WriteWholeFile(server.PathOf("f"), "data");
     Bytes file = server.Handle(server.PathOf("f"));
-    EXPECT_EQ(Words({0, 0, 0}), Results(PROC_REMOVE, DirOpArgs(root, "f")));
+    EXPECT_EQ(Words({0, 0, 0}), server.Results(PROC_REMOVE, DirOpArgs(root, "f")));
     EXPECT_FALSE(PathExists(server.PathOf("f")));
     // The file table keeps the row: the handle resolves, the file is gone.
     EXPECT_EQ(Words({5}), Getattr(file));
-    EXPECT_EQ(Words({2, 0, 0}), Results(PROC_REMOVE, DirOpArgs(root, "f"), RpcTestClient::UDP));
+    EXPECT_EQ(Words({2, 0, 0}), server.Results(PROC_REMOVE, DirOpArgs(root, "f"), RpcTestClient::UDP));
     // A file made again under the name gets the same ID back.
     EXPECT_EQ(HandleID(file), HandleID(Made(PROC_CREATE, CreateArgs(root, "f", 0)).handle));
     EXPECT_EQ(0u, XdrDecoder(Getattr(file)).GetUint32());
@@ -231,14 +225,14 @@ TEST_F(Nfs3Namespace, RemoveOfAMissingNameIsNoentOnAReadOnlyServerAsWellAndOfAnE
     WriteWholeFile(server.PathOf("f"), "data");
     server.Program().SetReadOnly(true);
     for (uint32_t proc : {PROC_REMOVE, PROC_RMDIR}) {
-        EXPECT_EQ(Words({2, 0, 0}), Results(proc, DirOpArgs(root, "missing"))) << proc;
-        EXPECT_EQ(Words({2, 0, 0}), Results(proc, DirOpArgs(UnknownHandle(), "f"))) << proc;
-        EXPECT_EQ(Words({13, 0, 0}), Results(proc, DirOpArgs(root, "f"))) << proc;
+        EXPECT_EQ(Words({2, 0, 0}), server.Results(proc, DirOpArgs(root, "missing"))) << proc;
+        EXPECT_EQ(Words({2, 0, 0}), server.Results(proc, DirOpArgs(UnknownHandle(), "f"))) << proc;
+        EXPECT_EQ(Words({13, 0, 0}), server.Results(proc, DirOpArgs(root, "f"))) << proc;
     }
     EXPECT_EQ("data", ReadWholeFile(server.PathOf("f")));
     server.Program().SetReadOnly(false);
-    EXPECT_EQ(Words({2, 0, 0}), Results(PROC_REMOVE, DirOpArgs(UnknownHandle(), "f")));
-    EXPECT_EQ(Words({2, 0, 0}), Results(PROC_REMOVE, DirOpArgs(root, "missing")));
+    EXPECT_EQ(Words({2, 0, 0}), server.Results(PROC_REMOVE, DirOpArgs(UnknownHandle(), "f")));
+    EXPECT_EQ(Words({2, 0, 0}), server.Results(PROC_REMOVE, DirOpArgs(root, "missing")));
     EXPECT_EQ(4, server.Log().Count("[Nfs3Prog.ProcedureREMOVE] End stat=2"));
     EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureREMOVE] End stat=13"));
 }
@@ -247,13 +241,13 @@ TEST_F(Nfs3Namespace, RmdirRemovesAnEmptyFolderAndANonEmptyOneIsIo) {
     ASSERT_EQ(0, mkdir(server.PathOf("full").c_str(), 0755));
     WriteWholeFile(server.PathOf("full/f"), "x");
     ASSERT_EQ(0, mkdir(server.PathOf("empty").c_str(), 0755));
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_RMDIR, DirOpArgs(root, "full")));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_RMDIR, DirOpArgs(root, "full")));
     EXPECT_TRUE(PathExists(server.PathOf("full/f")));
-    EXPECT_EQ(Words({0, 0, 0}), Results(PROC_RMDIR, DirOpArgs(root, "empty"), RpcTestClient::UDP));
+    EXPECT_EQ(Words({0, 0, 0}), server.Results(PROC_RMDIR, DirOpArgs(root, "empty"), RpcTestClient::UDP));
     EXPECT_FALSE(PathExists(server.PathOf("empty")));
-    EXPECT_EQ(Words({2, 0, 0}), Results(PROC_RMDIR, DirOpArgs(root, "empty")));
+    EXPECT_EQ(Words({2, 0, 0}), server.Results(PROC_RMDIR, DirOpArgs(root, "empty")));
     // A file is no folder.
-    EXPECT_EQ(Words({5, 0, 0}), Results(PROC_RMDIR, DirOpArgs(server.Handle(server.PathOf("full")), "f")));
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_RMDIR, DirOpArgs(server.Handle(server.PathOf("full")), "f")));
     EXPECT_TRUE(PathExists(server.PathOf("full/f")));
 }
 
@@ -262,20 +256,20 @@ TEST_F(Nfs3Namespace, RmdirRemovesAnEmptyFolderAndANonEmptyOneIsIo) {
 TEST_F(Nfs3Namespace, RenameKeepsTheFileId) {
     WriteWholeFile(server.PathOf("a"), "0123456789");
     Bytes before = server.Handle(server.PathOf("a"));
-    EXPECT_EQ(Words({0, 0, 0, 0, 0}), Results(PROC_RENAME, RenameArgs(root, "a", root, "b")));
+    EXPECT_EQ(Words({0, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "a", root, "b")));
     EXPECT_FALSE(PathExists(server.PathOf("a")));
     EXPECT_EQ("0123456789", ReadWholeFile(server.PathOf("b")));
     // The old handle reaches the file under its new name.
     XdrDecoder d(Getattr(before));
     ASSERT_EQ(0u, d.GetUint32());
     EXPECT_EQ(ExpectedFattr3(server.PathOf("b")).fileid, GetFattr3(d).fileid);
-    XdrDecoder read(Results(PROC_READ, ReadArgs(before, 2, 3)));
+    XdrDecoder read(server.Results(PROC_READ, ReadArgs(before, 2, 3)));
     ASSERT_EQ(0u, read.GetUint32());
     read.GetUint32();
     read.GetUint32();
     read.GetUint32();
     EXPECT_EQ((Bytes{'2', '3', '4'}), read.GetOpaque());
-    XdrDecoder lookup(Results(PROC_LOOKUP, DirOpArgs(root, "b")));
+    XdrDecoder lookup(server.Results(PROC_LOOKUP, DirOpArgs(root, "b")));
     ASSERT_EQ(0u, lookup.GetUint32());
     EXPECT_EQ(before, lookup.GetOpaque());
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureRENAME] End stat=0"));
@@ -288,11 +282,11 @@ TEST_F(Nfs3Namespace, RenameMovesFoldersAndIntoOtherFoldersAndReplacesATarget) {
     WriteWholeFile(server.PathOf("e/g"), "replaced");
     Bytes folder = server.Handle(server.PathOf("d"));
     Bytes file = server.Handle(server.PathOf("d/f"));
-    EXPECT_EQ(Words({0, 0, 0, 0, 0}), Results(PROC_RENAME, RenameArgs(folder, "f", server.Handle(server.PathOf("e")),
+    EXPECT_EQ(Words({0, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(folder, "f", server.Handle(server.PathOf("e")),
                                                                        "g"), RpcTestClient::UDP));
     EXPECT_EQ("moved", ReadWholeFile(server.PathOf("e/g")));
     EXPECT_EQ(HandleID(file), HandleID(server.Handle(server.PathOf("e/g"))));
-    EXPECT_EQ(Words({0, 0, 0, 0, 0}), Results(PROC_RENAME, RenameArgs(root, "d", root, "d2")));
+    EXPECT_EQ(Words({0, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "d", root, "d2")));
     EXPECT_TRUE(PathExists(server.PathOf("d2")));
     EXPECT_EQ(HandleID(folder), HandleID(server.Handle(server.PathOf("d2"))));
     XdrDecoder d(Getattr(folder));
@@ -302,16 +296,16 @@ TEST_F(Nfs3Namespace, RenameMovesFoldersAndIntoOtherFoldersAndReplacesATarget) {
 
 TEST_F(Nfs3Namespace, RenameOfAMissingSourceIsNoentAndOnAReadOnlyServerAcces) {
     WriteWholeFile(server.PathOf("a"), "a");
-    EXPECT_EQ(Words({2, 0, 0, 0, 0}), Results(PROC_RENAME, RenameArgs(root, "missing", root, "b")));
-    EXPECT_EQ(Words({2, 0, 0, 0, 0}), Results(PROC_RENAME, RenameArgs(UnknownHandle(), "a", root, "b")));
+    EXPECT_EQ(Words({2, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "missing", root, "b")));
+    EXPECT_EQ(Words({2, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(UnknownHandle(), "a", root, "b")));
     server.Program().SetReadOnly(true);
-    EXPECT_EQ(Words({2, 0, 0, 0, 0}), Results(PROC_RENAME, RenameArgs(root, "missing", root, "b")));
-    EXPECT_EQ(Words({13, 0, 0, 0, 0}), Results(PROC_RENAME, RenameArgs(root, "a", root, "b")));
+    EXPECT_EQ(Words({2, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "missing", root, "b")));
+    EXPECT_EQ(Words({13, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "a", root, "b")));
     EXPECT_TRUE(PathExists(server.PathOf("a")));
     EXPECT_FALSE(PathExists(server.PathOf("b")));
     // A target in a folder that does not exist: the system refuses.
     server.Program().SetReadOnly(false);
-    EXPECT_EQ(Words({5, 0, 0, 0, 0}), Results(PROC_RENAME, RenameArgs(root, "a", root, "none/b")));
+    EXPECT_EQ(Words({5, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "a", root, "none/b")));
     EXPECT_TRUE(PathExists(server.PathOf("a")));
 }
 
@@ -319,7 +313,7 @@ TEST_F(Nfs3Namespace, RenameOfAMissingSourceIsNoentAndOnAReadOnlyServerAcces) {
 
 TEST_F(Nfs3Namespace, MknodOfAFifoIsNotsuppAndOfARegularFileTypeBadtype) {
     auto mknod = [&](uint32_t type, const Bytes& data) {
-        return Results(PROC_MKNOD, Join({DirOpArgs(root, "node"), Words({type}), data}));
+        return server.Results(PROC_MKNOD, Join({DirOpArgs(root, "node"), Words({type}), data}));
     };
     Bytes device = Join({NoAttributes(), Words({8, 1})});
     EXPECT_EQ(Words({10004, 0, 0}), mknod(7, NoAttributes()));  // FIFO
@@ -341,9 +335,9 @@ TEST_F(Nfs3Namespace, SymlinkAndLinkAreIo) {
         XdrEncoder target;
         target.PutString("f");
         EXPECT_EQ(Words({5, 0, 0}),
-                  Results(PROC_SYMLINK, Join({DirOpArgs(root, "link"), ModeOnly(0777), target.GetBytes()}), transport));
+                  server.Results(PROC_SYMLINK, Join({DirOpArgs(root, "link"), ModeOnly(0777), target.GetBytes()}), transport));
         EXPECT_EQ(Words({5, 0, 0, 0}),
-                  Results(PROC_LINK, Join({HandleArgs(server.Handle(server.PathOf("f"))), DirOpArgs(root, "hard")}),
+                  server.Results(PROC_LINK, Join({HandleArgs(server.Handle(server.PathOf("f"))), DirOpArgs(root, "hard")}),
                           transport));
     }
     EXPECT_FALSE(PathExists(server.PathOf("link")));

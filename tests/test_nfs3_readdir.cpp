@@ -92,16 +92,10 @@ protected:
         return e.GetBytes();
     }
 
-    Bytes Results(uint32_t proc, const Bytes& args, RpcTestClient::Transport t = RpcTestClient::TCP) {
-        RpcReply reply;
-        EXPECT_TRUE(server.Call(proc, args, reply, t));
-        EXPECT_EQ(0u, reply.acceptStat);
-        return reply.results;
-    }
 
     Listing List(const std::string& dir, uint64_t cookie, bool plus, uint32_t count = 4096,
                  RpcTestClient::Transport t = RpcTestClient::TCP) {
-        Bytes results = Results(plus ? PROC_READDIRPLUS : PROC_READDIR, Args(server.Handle(dir), cookie, plus, count), t);
+        Bytes results = server.Results(plus ? PROC_READDIRPLUS : PROC_READDIR, Args(server.Handle(dir), cookie, plus, count), t);
         return Parse(results, plus);
     }
 
@@ -123,7 +117,7 @@ TEST_F(Nfs3Readdir, EmptyDirectoryAnswersAttributesVerifierAndEofOnly) {
     for (bool plus : {false, true}) {
         // Taken before the call: listing updates the folder's access time.
         Fattr3 expected = ExpectedFattr3(dir);
-        Bytes results = Results(plus ? PROC_READDIRPLUS : PROC_READDIR, Args(server.Handle(dir), 0, plus));
+        Bytes results = server.Results(plus ? PROC_READDIRPLUS : PROC_READDIR, Args(server.Handle(dir), 0, plus));
         XdrEncoder verifier;
         verifier.PutUint64(VERIFIER);
         EXPECT_EQ(Join({Words({0, 1}), Encode(expected), verifier.GetBytes(), Words({0, 1})}), results) << plus;
@@ -293,8 +287,8 @@ TEST_F(Nfs3Readdir, UnknownOrMissingDirectoryAnswersIoWithAnAbsentAttribute) {
     Bytes unknown(56, 0xEE);
     for (bool plus : {false, true}) {
         uint32_t proc = plus ? PROC_READDIRPLUS : PROC_READDIR;
-        EXPECT_EQ(Words({5, 0}), Results(proc, Args(handle, 0, plus)));
-        EXPECT_EQ(Words({5, 0}), Results(proc, Args(unknown, 0, plus)));
+        EXPECT_EQ(Words({5, 0}), server.Results(proc, Args(handle, 0, plus)));
+        EXPECT_EQ(Words({5, 0}), server.Results(proc, Args(unknown, 0, plus)));
     }
     EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureREADDIR] End stat=5"));
     EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureREADDIRPLUS] End stat=5"));

@@ -1,5 +1,7 @@
 #include "Nfs3TestServer.h"
 
+#include <gtest/gtest.h>
+
 #include <sys/stat.h>
 
 #include <climits>
@@ -195,4 +197,11 @@ RpcTestClient& Nfs3TestServer::Client(RpcTestClient::Transport transport) {
 bool Nfs3TestServer::Call(uint32_t proc, const Bytes& args, RpcReply& reply, RpcTestClient::Transport transport,
                           uint32_t version) {
     return Client(transport).Call(NextXid(), nfs3wire::PROGRAM, version, proc, args, reply);
+}
+
+Bytes Nfs3TestServer::Results(uint32_t proc, const Bytes& args, RpcTestClient::Transport transport) {
+    RpcReply reply;
+    EXPECT_TRUE(Call(proc, args, reply, transport)) << "procedure " << proc;
+    EXPECT_EQ(0u, reply.acceptStat) << "procedure " << proc;
+    return reply.results;
 }

@@ -112,6 +112,9 @@ public:
     // One call and its reply; false when no matching reply came.
     bool Call(uint32_t proc, const Bytes& args, RpcReply& reply,
               RpcTestClient::Transport transport = RpcTestClient::TCP, uint32_t version = 3);
+    // A call that must be answered and accepted (the test fails otherwise);
+    // its results.
+    Bytes Results(uint32_t proc, const Bytes& args, RpcTestClient::Transport transport = RpcTestClient::TCP);
 
 private:
     std::unique_ptr<TempDir> m_dir;
