@@ -17,6 +17,13 @@ unsigned char* CInputStream::GetFilledBuffer(uint32_t offset, uint32_t len) {
     return m_pcBuffer + m_iIndex + offset;
 }
 
+void CInputStream::RemoveFilledBuffer(uint32_t offset, uint32_t n) {
+    if (GetFilledBuffer(offset, n) == nullptr) return;
+    unsigned char* at = m_pcBuffer + m_iIndex + offset;
+    memmove(at, at + n, m_iSize - (m_iIndex + offset + n));
+    m_iSize -= n;
+}
+
 uint32_t CInputStream::Read(void* dst, uint32_t n) {
     uint32_t unread = GetFilledBufferSize();
     if (n > unread) throw CDataTruncatedExpt(n, (int)unread);

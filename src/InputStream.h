@@ -21,6 +21,13 @@ public:
     uint32_t GetFilledBufferSize() const { return m_iSize - m_iIndex; }
     unsigned char* GetCurrentBuffer() { return m_pcBuffer + m_iIndex; }
     void ResetBuffer() { m_iIndex = m_iSize = 0; }
+    // End of the received bytes. A caller may lower it for a while so that
+    // decoding cannot run past the end of one record.
+    uint32_t GetBufferSize() const { return m_iSize; }
+    void SetBufferSize(uint32_t size) { m_iSize = size; }
+    // Drops n received bytes at offset from the read position, moving the
+    // bytes behind them down.
+    void RemoveFilledBuffer(uint32_t offset, uint32_t n);
 
     uint32_t Read(void* dst, uint32_t n);
     uint32_t Read(uint32_t* v);

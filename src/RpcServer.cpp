@@ -24,8 +24,59 @@ constexpr uint32_t ACCEPT_GARBAGE_ARGS = 4;
 // Last-fragment bit of a record mark, less the 4 bytes of the mark itself.
 constexpr uint32_t RECORD_MARK_BIAS = 0x7FFFFFFC;
 
+constexpr uint32_t LAST_FRAGMENT = 0x80000000;
+// The fixed part of a call behind its record mark: xid to verifier length.
+constexpr uint32_t MIN_CALL_SIZE = 40;
+
 uint32_t BigEndianAt(const unsigned char* p) {
     return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | (uint32_t)p[3];
+}
+
+void PutBigEndian(unsigned char* p, uint32_t v) {
+    p[0] = (unsigned char)(v >> 24);
+    p[1] = (unsigned char)(v >> 16);
+    p[2] = (unsigned char)(v >> 8);
+    p[3] = (unsigned char)v;
+}
+
+enum class Record { COMPLETE, INCOMPLETE, UNFRAMED };
+
+// Follows the record marks of the call found at the read position. A
+// record longer than the input buffer could ever hold, or too short for a
+// call, is UNFRAMED: its mark is not trusted. A complete record of several
+// fragments is joined in place into one fragment, so that the call decodes
+// as one run of bytes; span gets the record's length with its mark.
+Record ExamineRecord(CInputStream* in, uint32_t* span) {
+    const uint32_t capacity = CSocketStream::GetMaxBufferSize();
+    uint32_t end = 0;
+    uint32_t fragments = 0;
+    for (bool last = false; !last;) {
+        if (end > capacity - 4) return Record::UNFRAMED;
+        const unsigned char* mark = in->GetFilledBuffer(end, 4);
+        if (mark == nullptr) return Record::INCOMPLETE;
+        const uint32_t word = BigEndianAt(mark);
+        const uint32_t length = word & ~LAST_FRAGMENT;
+        if (length > capacity - 4 - end) return Record::UNFRAMED;
+        end += 4 + length;
+        ++fragments;
+        last = (word & LAST_FRAGMENT) != 0;
+        if (last && end - 4 * fragments < MIN_CALL_SIZE) return Record::UNFRAMED;
+        if (in->GetFilledBuffer(0, end) == nullptr) return Record::INCOMPLETE;
+    }
+    unsigned char* base = in->GetCurrentBuffer();
+    uint32_t joined = 4 + (BigEndianAt(base) & ~LAST_FRAGMENT);
+    for (uint32_t at = joined; at < end;) {
+        const uint32_t length = BigEndianAt(base + at) & ~LAST_FRAGMENT;
+        memmove(base + joined, base + at + 4, length);
+        joined += length;
+        at += 4 + length;
+    }
+    if (joined != end) {
+        PutBigEndian(base, LAST_FRAGMENT | (joined - 4));
+        in->RemoveFilledBuffer(joined, end - joined);
+    }
+    *span = joined;
+    return Record::COMPLETE;
 }
 
 }  // namespace
@@ -78,12 +129,33 @@ void CRpcServer::SocketReceived(CSocket* socket) {
             break;
         }
         const uint32_t callStart = in->GetBufferIndex();
-        int result = Process(rp, progId, type, in, out, remoteAddr.c_str());
-        if (result == CRpcProg::RESULT_TRUNCATED && !LookForValidHeader(rp, &la, progId, type, in, out)) {
-            // The call is still arriving: parse it again once the rest is there.
-            out->ResetBuffer();
-            in->SetBufferIndex(callStart);
-            Log(rp->IsLogRpc(), false, "[%s] Reset input buffer postion", la.pcName);
+        uint32_t span = 0;
+        const Record record = type == CSocket::TYPE_TCP ? ExamineRecord(in, &span) : Record::UNFRAMED;
+        if (record == Record::INCOMPLETE) {
+            // Nothing of a call runs, and nothing inside it is scanned, before
+            // its whole record is here.
+            Log(rp->IsLogRpc(), false, "[%s] Waiting for the rest of the record", la.pcName);
+            break;
+        }
+        int result;
+        if (record == Record::COMPLETE) {
+            // The call decodes inside its record only; whatever it leaves
+            // unread there is dropped with it.
+            const uint32_t received = in->GetBufferSize();
+            in->SetBufferSize(callStart + span);
+            result = Process(rp, progId, type, in, out, remoteAddr.c_str());
+            in->SetBufferSize(received);
+            in->SetBufferIndex(callStart + span);
+        } else {
+            // Datagrams, and marks no buffer could hold: calls are delimited
+            // by the header scan alone.
+            result = Process(rp, progId, type, in, out, remoteAddr.c_str());
+            if (result == CRpcProg::RESULT_TRUNCATED && !LookForValidHeader(rp, &la, progId, type, in, out)) {
+                // The call is still arriving: parse it again once the rest is there.
+                out->ResetBuffer();
+                in->SetBufferIndex(callStart);
+                Log(rp->IsLogRpc(), false, "[%s] Reset input buffer postion", la.pcName);
+            }
         }
         Log(rp->IsLogRpc(), false, "[%s] Output buf size(%u)", la.pcName, out->GetBufferSize());
         socket->Send();
@@ -179,6 +251,10 @@ int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream
         out->Write(ACCEPT_GARBAGE_ARGS);
     } else if (prog == nullptr) {
         out->Write(ACCEPT_PROG_UNAVAIL);
+    } else if (result == CRpcProg::RESULT_TRUNCATED) {
+        // The header itself is cut: the program is not run on bytes that
+        // are not its arguments (they may be a credential, or another call).
+        out->Write(ACCEPT_SUCCESS);
     } else {
         const uint32_t statusAt = out->GetBufferIndex();
         out->Write(ACCEPT_SUCCESS);
@@ -187,7 +263,6 @@ int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream
         param.iProc = h.lProc;
         param.sRemoteAddr = remoteAddr;
         param.pRuntimeParam = m_pRuntimeParam;
-        // The program's code replaces a truncation found while decoding.
         result = prog->Process(in, out, &param);
         const uint32_t replyEnd = std::max(out->GetBufferIndex(), out->GetBufferSize());
         if (result == CRpcProg::RESULT_PROC_UNAVAIL || result == CRpcProg::RESULT_GARBAGE_ARGS) {
