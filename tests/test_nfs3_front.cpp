@@ -110,8 +110,9 @@ TEST_F(Nfs3Front, HandlerIsMadeOnTheFirstVersion3CallWithTheStoredSettings) {
 
 TEST_F(Nfs3Front, GetattrCutAfterTheHandleLengthAnswersSuccessWithAnEmptyBody) {
     RpcTestClient& client = server.Client(RpcTestClient::TCP);
-    // The handle claims 1000 bytes; a NULL call follows right behind its
-    // length word, so the dispatcher sends what was built for the cut call.
+    // The handle claims 1000 bytes and the record ends behind its length
+    // word: the call is cut inside a complete record, and what was built
+    // for it is sent.
     Bytes getattr = BuildRpcCall(0x51, PROGRAM, 3, PROC_GETATTR, Words({1000}));
     Bytes null1 = BuildRpcCall(0x52, PROGRAM, 3, PROC_NULL);
     ASSERT_TRUE(client.SendRaw(Join({WithRecordMark(getattr), WithRecordMark(null1)})));
@@ -121,8 +122,9 @@ TEST_F(Nfs3Front, GetattrCutAfterTheHandleLengthAnswersSuccessWithAnEmptyBody) {
     EXPECT_EQ(0u, reply.acceptStat);
     EXPECT_TRUE(reply.results.empty());
     EXPECT_EQ(0x80000018u, reply.recordMark);
-    // 44 bytes (the NULL call) were there of the 1000 asked.
-    EXPECT_TRUE(server.Log().Has("[Nfs3Prog.Process] Data is truncated.Missing 956 data")) << server.Log().Dump();
+    // None of the 1000 bytes asked were in the record: the NULL call behind
+    // it is no part of the handle.
+    EXPECT_TRUE(server.Log().Has("[Nfs3Prog.Process] Data is truncated.Missing 1000 data")) << server.Log().Dump();
 
     // The NULL call waited in the buffer; the next receive serves it and
     // the call that came with it.
