@@ -10,6 +10,7 @@
 #include "DataTruncatedExpt.h"
 #include "InputStream.h"
 #include "OutputStream.h"
+#include "Socket.h"
 
 namespace {
 
@@ -30,6 +31,10 @@ constexpr uint32_t WRITE_MAX_COUNT = FSINFO_WTMAX;
 // What a successful READ puts between its status and its data: the file's
 // post_op_attr (absent), count, eof and the data's length word.
 constexpr uint32_t READ_HEADER_SIZE = 4 * 4;
+// Over UDP a reply must fit one datagram (65,507 bytes with its RPC header
+// and READ's results): longer reads are cut short, which clients take as a
+// short read.
+constexpr uint32_t READ_MAX_DATAGRAM_COUNT = 61440;
 
 const char* NameOf(const LogArgu* argu) { return argu && argu->pcName ? argu->pcName : ""; }
 CRuntimeParam* RuntimeOf(ProcessParam* param) { return param ? param->pRuntimeParam : nullptr; }
@@ -512,9 +517,10 @@ nfsstat3 CNfs3Prog::ReadIntoReply(NfsCall& c, uint64_t offset, uint32_t count, u
     // an offset is past the end (a failed seek would read wherever the
     // cached descriptor happens to stand).
     if (count == 0 || offset > (uint64_t)INT64_MAX) return NFS3_OK;
+    const uint32_t cap = c.param && c.param->iTransport == CSocket::TYPE_UDP ? READ_MAX_DATAGRAM_COUNT : READ_MAX_COUNT;
     int result = m_pUtilities->ReadFile(c.rp, &c.argu, c.path, offset, SEEK_SET,
                                         c.out->GetCurrentBuffer() + READ_HEADER_SIZE,
-                                        count < READ_MAX_COUNT ? count : READ_MAX_COUNT, eof);
+                                        count < cap ? count : cap, eof);
     if (result < 0) {
         Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Read return -1 (path=%s, offset=%llu length=%u)", c.argu.pcName,
             c.path, (unsigned long long)offset, count);

@@ -107,6 +107,8 @@ bool CNfsMain::StartServer(int mountPort, int nfsPort, unsigned int uid, unsigne
     LogArgu la{"NfsMain.StartServer"};
     // A second start without a stop would otherwise lose the running stack.
     ReleaseServer();
+    // Connections, cached descriptors and new files all need descriptors.
+    CUtilities::RaiseDescriptorLimit();
 
     m_pMountProg = new CMountProg(m_pUtilities);
     m_pPortmap = new CPortmap(m_pUtilities, rp);

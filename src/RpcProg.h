@@ -13,6 +13,7 @@ struct ProcessParam {
     uint32_t iVersion = 0;         // the call's program version
     uint32_t iProc = 0;            // the procedure number
     std::string sRemoteAddr;       // the caller's IPv4 address, dotted
+    int iTransport = 1;            // the socket type: 1 TCP, 2 UDP
     CRuntimeParam* pRuntimeParam = nullptr;
 };
 

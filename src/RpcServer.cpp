@@ -111,7 +111,19 @@ void CRpcServer::Log(bool enabled, bool error, const char* fmt, ...) {
 }
 
 void CRpcServer::SocketReceived(CSocket* socket) {
-    std::lock_guard<std::mutex> lock(m_hMutex);
+    // Calls are found and run one at a time under the mutex; each reply
+    // leaves once it is released, so that a peer that does not take its
+    // replies holds up only its own connection.
+    for (bool more = true; more;) {
+        {
+            std::lock_guard<std::mutex> lock(m_hMutex);
+            more = ExecuteNextCall(socket);
+        }
+        if (!socket->Send()) break;
+    }
+}
+
+bool CRpcServer::ExecuteNextCall(CSocket* socket) {
     const std::string remoteAddr = socket->GetRemoteAddress();
     m_pRuntimeParam->SetID(remoteAddr.c_str());
     CRuntimeParam* rp = m_pRuntimeParam;
@@ -121,48 +133,50 @@ void CRpcServer::SocketReceived(CSocket* socket) {
     const unsigned long progId = socket->GetProgId();
     const int type = socket->GetType();
 
-    while (in->GetFilledBufferSize() != 0) {
-        Log(rp->IsLogRpc(), false, "[%s] Input buf size(%u) pos(%u)", la.pcName, in->GetFilledBufferSize(),
-            in->GetBufferIndex());
-        if (!LookForValidHeader(rp, &la, progId, type, in, out)) {
-            Log(rp->IsLogRpc(), false, "[%s] Cannot find valid header!!", la.pcName);
-            break;
-        }
-        const uint32_t callStart = in->GetBufferIndex();
-        uint32_t span = 0;
-        const Record record = type == CSocket::TYPE_TCP ? ExamineRecord(in, &span) : Record::UNFRAMED;
-        if (record == Record::INCOMPLETE) {
-            // Nothing of a call runs, and nothing inside it is scanned, before
-            // its whole record is here.
-            Log(rp->IsLogRpc(), false, "[%s] Waiting for the rest of the record", la.pcName);
-            break;
-        }
-        int result;
-        if (record == Record::COMPLETE) {
-            // The call decodes inside its record only; whatever it leaves
-            // unread there is dropped with it.
-            const uint32_t received = in->GetBufferSize();
-            in->SetBufferSize(callStart + span);
-            result = Process(rp, progId, type, in, out, remoteAddr.c_str());
-            in->SetBufferSize(received);
-            in->SetBufferIndex(callStart + span);
-        } else {
-            // Datagrams, and marks no buffer could hold: calls are delimited
-            // by the header scan alone.
-            result = Process(rp, progId, type, in, out, remoteAddr.c_str());
-            if (result == CRpcProg::RESULT_TRUNCATED && !LookForValidHeader(rp, &la, progId, type, in, out)) {
-                // The call is still arriving: parse it again once the rest is there.
-                out->ResetBuffer();
-                in->SetBufferIndex(callStart);
-                Log(rp->IsLogRpc(), false, "[%s] Reset input buffer postion", la.pcName);
-            }
-        }
-        Log(rp->IsLogRpc(), false, "[%s] Output buf size(%u)", la.pcName, out->GetBufferSize());
-        socket->Send();
-        // A datagram gets one reply; after a failed call on a stream the rest
-        // waits for the next receive.
-        if (result != CRpcProg::RESULT_DONE || type == CSocket::TYPE_UDP) break;
+    if (in->GetFilledBufferSize() == 0) return false;
+    Log(rp->IsLogRpc(), false, "[%s] Input buf size(%u) pos(%u)", la.pcName, in->GetFilledBufferSize(),
+        in->GetBufferIndex());
+    if (!LookForValidHeader(rp, &la, progId, type, in, out)) {
+        Log(rp->IsLogRpc(), false, "[%s] Cannot find valid header!!", la.pcName);
+        return false;
     }
+    const uint32_t callStart = in->GetBufferIndex();
+    uint32_t span = 0;
+    const Record record = type == CSocket::TYPE_TCP ? ExamineRecord(in, &span) : Record::UNFRAMED;
+    if (record == Record::INCOMPLETE) {
+        // Nothing of a call runs, and nothing inside it is scanned, before
+        // its whole record is here.
+        Log(rp->IsLogRpc(), false, "[%s] Waiting for the rest of the record", la.pcName);
+        return false;
+    }
+    int result;
+    if (record == Record::COMPLETE) {
+        // The call decodes inside its record only; whatever it leaves
+        // unread there is dropped with it.
+        const uint32_t received = in->GetBufferSize();
+        in->SetBufferSize(callStart + span);
+        result = Process(rp, progId, type, in, out, remoteAddr.c_str());
+        in->SetBufferSize(received);
+        in->SetBufferIndex(callStart + span);
+    } else {
+        // Datagrams, and marks no buffer could hold: calls are delimited by
+        // the header scan alone.
+        result = Process(rp, progId, type, in, out, remoteAddr.c_str());
+        if (result == CRpcProg::RESULT_TRUNCATED && type == CSocket::TYPE_UDP) {
+            // A datagram stands alone: what it lacks never comes.
+            out->ResetBuffer();
+            Log(rp->IsLogRpc(), false, "[%s] Datagram holds no whole call, dropped", la.pcName);
+        } else if (result == CRpcProg::RESULT_TRUNCATED && !LookForValidHeader(rp, &la, progId, type, in, out)) {
+            // The call is still arriving: parse it again once the rest is there.
+            out->ResetBuffer();
+            in->SetBufferIndex(callStart);
+            Log(rp->IsLogRpc(), false, "[%s] Reset input buffer postion", la.pcName);
+        }
+    }
+    Log(rp->IsLogRpc(), false, "[%s] Output buf size(%u)", la.pcName, out->GetBufferSize());
+    // A datagram gets one reply (its other bytes are dropped with it); after
+    // a failed call on a stream the rest waits for the next receive.
+    return result == CRpcProg::RESULT_DONE && type == CSocket::TYPE_TCP && in->GetFilledBufferSize() != 0;
 }
 
 bool CRpcServer::LookForValidHeader(CRuntimeParam* rp, LogArgu* la, unsigned long progId, int type,
@@ -263,6 +277,7 @@ int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream
         param.iProc = h.lProc;
         param.sRemoteAddr = remoteAddr;
         param.pRuntimeParam = m_pRuntimeParam;
+        param.iTransport = type;
         result = prog->Process(in, out, &param);
         const uint32_t replyEnd = std::max(out->GetBufferIndex(), out->GetBufferSize());
         if (result == CRpcProg::RESULT_PROC_UNAVAIL || result == CRpcProg::RESULT_GARBAGE_ARGS) {

@@ -54,6 +54,10 @@ public:
 private:
     void Log(bool enabled, bool error, const char* fmt, ...) __attribute__((format(printf, 4, 5)));
     CRpcProg* ProgramFor(unsigned long progId) const;
+    // Under the mutex: finds and runs the next call of the socket's input,
+    // leaving its reply in the output. True when a further call may follow
+    // in what was received.
+    bool ExecuteNextCall(CSocket* socket);
     bool LookForValidHeader(CRuntimeParam* rp, LogArgu* la, unsigned long progId, int type, CInputStream* in,
                             COutputStream* out);
     int Process(CRuntimeParam* rp, unsigned long progId, int type, CInputStream* in, COutputStream* out,

@@ -6,6 +6,16 @@
 CRuntimeParam::CRuntimeParam(const char* id, int logControl)
     : m_sID(id ? id : ""), m_sIpcID(), m_iLogControl(logControl) {}
 
+CRuntimeParam::CRuntimeParam(const CRuntimeParam& other)
+    : m_sID(other.m_sID), m_sIpcID(other.m_sIpcID), m_iLogControl(other.GetLogControl()) {}
+
+CRuntimeParam& CRuntimeParam::operator=(const CRuntimeParam& other) {
+    m_sID = other.m_sID;
+    m_sIpcID = other.m_sIpcID;
+    SetLogControl(other.GetLogControl());
+    return *this;
+}
+
 bool CRuntimeParam::CheckInstanceID(const char* id, char* err, size_t errSize) {
     if (id == nullptr) id = "";
     if (strcmp(id, "server") == 0) {

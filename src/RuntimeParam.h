@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 
 // Names the operation that does the work; log lines begin with "[name]".
@@ -25,20 +26,20 @@ public:
     };
 
     CRuntimeParam(const char* id, int logControl);
-    CRuntimeParam(const CRuntimeParam&) = default;
-    CRuntimeParam& operator=(const CRuntimeParam&) = default;
+    CRuntimeParam(const CRuntimeParam& other);
+    CRuntimeParam& operator=(const CRuntimeParam& other);
     virtual ~CRuntimeParam() = default;
 
     const char* GetID() const { return m_sID.c_str(); }
     void SetID(const char* id) { m_sID = id ? id : ""; }
     const char* GetIpcID() const { return m_sIpcID.c_str(); }
     void SetIpcID(const char* id) { m_sIpcID = id ? id : ""; }
-    int GetLogControl() const { return m_iLogControl; }
-    void SetLogControl(int logControl) { m_iLogControl = logControl; }
+    int GetLogControl() const { return m_iLogControl.load(std::memory_order_relaxed); }
+    void SetLogControl(int logControl) { m_iLogControl.store(logControl, std::memory_order_relaxed); }
 
     // True when the masked bits, taken as a signed int, are above zero:
     // bit 31 alone therefore never counts as enabled.
-    bool IsLogEnabled(int mask) const { return (m_iLogControl & mask) > 0; }
+    bool IsLogEnabled(int mask) const { return (GetLogControl() & mask) > 0; }
     bool IsLogError() const { return IsLogEnabled(LOG_ERROR); }
     bool IsLogGeneralInfo() const { return IsLogEnabled(LOG_GENERAL_INFO); }
     bool IsLogRpc() const { return IsLogEnabled(LOG_RPC); }
@@ -57,5 +58,6 @@ public:
 private:
     std::string m_sID;
     std::string m_sIpcID;
-    int m_iLogControl;
+    // Set by a control thread while connection threads read it.
+    std::atomic<int> m_iLogControl;
 };

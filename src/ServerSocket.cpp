@@ -5,10 +5,50 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include "Utilities.h"
+
+namespace {
+
+// Keepalive probes after 20 s of silence, every 5 s; a peer that answers
+// none of them, or leaves data unacknowledged, is given up after 45 s, so
+// the slot of a vanished host comes back within a minute.
+constexpr int KEEPALIVE_IDLE_S = 20;
+constexpr int KEEPALIVE_INTERVAL_S = 5;
+constexpr int KEEPALIVE_COUNT = 4;
+constexpr unsigned USER_TIMEOUT_MS = 45000;
+// MOUNT and portmapper clients make a call or two and leave; their few
+// slots come back when a connection stays quiet this long.
+constexpr int SHORT_LIVED_IDLE_S = 5;
+constexpr unsigned long NFS_PROGRAM = 100003;
+// Pause after a failed accept (out of descriptors, say) before the next try.
+constexpr int ACCEPT_BACKOFF_MS = 100;
+
+void ConfigureConnection(int fd, unsigned long progId) {
+    // Each reply goes out in one send: holding its last partial segment
+    // back until the previous one is acknowledged (Nagle) only delays
+    // clients that keep several calls in flight.
+    int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    int idle = KEEPALIVE_IDLE_S, interval = KEEPALIVE_INTERVAL_S, count = KEEPALIVE_COUNT;
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count);
+    unsigned userTimeout = USER_TIMEOUT_MS;
+    setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &userTimeout, sizeof userTimeout);
+    if (progId != NFS_PROGRAM) {
+        timeval quiet{SHORT_LIVED_IDLE_S, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &quiet, sizeof quiet);
+    }
+}
+
+}  // namespace
 
 CServerSocket::~CServerSocket() { Close(); }
 
@@ -83,13 +123,13 @@ void CServerSocket::Run() {
         if (fd == -1 || fd == 0) {
             // Descriptor 0 is not taken for a connection; it is not kept either.
             if (fd == 0) close(fd);
+            // A failure that the next call would repeat at once (no
+            // descriptor left, say) must not spin the thread.
+            if (fd == -1 && errno != EINTR && errno != ECONNABORTED && !m_bClosed)
+                std::this_thread::sleep_for(std::chrono::milliseconds(ACCEPT_BACKOFF_MS));
             continue;
         }
-        // Each reply goes out in one send: holding its last partial segment
-        // back until the previous one is acknowledged (Nagle) only delays
-        // clients that keep several calls in flight.
-        int noDelay = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
+        ConfigureConnection(fd, m_pSockets.empty() ? 0 : m_pSockets[0]->GetProgId());
         int i = 0;
         while (i < m_nMaxNum && m_pSockets[i]->IsActive()) ++i;
         // The listener never refuses or queues a connection beyond its slots:

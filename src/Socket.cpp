@@ -1,6 +1,7 @@
 #include "Socket.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -63,22 +64,50 @@ void CSocket::Close() {
     m_bClosing = false;
 }
 
-void CSocket::Send() {
-    uint32_t size = m_pOutputStream->GetBufferSize();
-    if (size == 0 || (m_Socket == -1 && !m_SendSink)) return;
-    ssize_t sent;
-    if (m_SendSink) {
-        sent = m_SendSink(m_pOutputStream->GetBuffer(), size);
-    } else if (m_iType == TYPE_TCP) {
-        sent = send(m_Socket, m_pOutputStream->GetBuffer(), size, MSG_NOSIGNAL);
+bool CSocket::Send() {
+    const unsigned char* data = m_pOutputStream->GetBuffer();
+    const uint32_t size = m_pOutputStream->GetBufferSize();
+    bool delivered = true;
+    if (size == 0 || (m_Socket == -1 && !m_SendSink)) {
+        delivered = size == 0;
+    } else if (m_SendSink) {
+        for (uint32_t done = 0; delivered && done < size;) {
+            ssize_t sent = m_SendSink(data + done, size - done);
+            delivered = sent > 0;
+            if (delivered) done += (uint32_t)sent;
+        }
+    } else if (m_iType == TYPE_UDP) {
+        sendto(m_Socket, data, size, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&m_RemoteAddr),
+               sizeof m_RemoteAddr);
     } else {
-        sent = sendto(m_Socket, m_pOutputStream->GetBuffer(), size, MSG_NOSIGNAL,
-                      reinterpret_cast<const sockaddr*>(&m_RemoteAddr), sizeof m_RemoteAddr);
+        delivered = SendAll(data, size);
+        // A peer that takes no replies loses its connection rather than
+        // keeping its slot, and whatever was left of its reply.
+        if (!delivered) shutdown(m_Socket, SHUT_RDWR);
     }
-    // A datagram goes out whole or not at all; one that failed is dropped
-    // rather than left to prefix every later reply.
-    if (m_iType == TYPE_UDP && sent < 0) m_pOutputStream->ResetBuffer();
-    if (sent >= 1) m_pOutputStream->FreeBuffer((uint32_t)sent);
+    m_pOutputStream->ResetBuffer();
+    return delivered;
+}
+
+bool CSocket::SendAll(const unsigned char* data, uint32_t size) {
+    // Non-blocking sends and a poll bounded by what is left of the deadline,
+    // so that a peer taking a byte now and then cannot stretch it.
+    const unsigned long long deadline = CUtilities::GetCurrentSystemTimeInMilliseconds() + SEND_TIMEOUT_MS;
+    uint32_t done = 0;
+    while (done < size) {
+        ssize_t sent = send(m_Socket, data + done, size - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            done += (uint32_t)sent;
+            continue;
+        }
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return false;
+        const unsigned long long now = CUtilities::GetCurrentSystemTimeInMilliseconds();
+        if (now >= deadline) return false;
+        pollfd writable{m_Socket, POLLOUT, 0};
+        if (poll(&writable, 1, (int)(deadline - now)) < 0 && errno != EINTR) return false;
+    }
+    return true;
 }
 
 std::string CSocket::GetRemoteAddress() const {
@@ -96,14 +125,15 @@ void* CSocket::ThreadMain(void* self) {
 
 void CSocket::Run() {
     while (m_Socket != -1) {
-        m_pInputStream->ConsolidateBuffer(0);
         ssize_t n;
         if (m_iType == TYPE_TCP) {
+            m_pInputStream->ConsolidateBuffer(0);
             n = recv(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(), 0);
+            if (n < 0 && errno == EINTR) continue;
         } else {
-            // Bytes of earlier datagrams that never formed a call must not
-            // block the datagram service for good.
-            if (m_pInputStream->GetFreeBufferSize() == 0) m_pInputStream->ResetBuffer();
+            // Every datagram stands alone: nothing of an earlier one, whole
+            // call or not, is joined to it.
+            m_pInputStream->ResetBuffer();
             socklen_t len = sizeof m_RemoteAddr;
             n = recvfrom(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(), 0,
                          reinterpret_cast<sockaddr*>(&m_RemoteAddr), &len);
@@ -118,5 +148,8 @@ void CSocket::Run() {
         if (m_iType == TYPE_UDP && !m_bClosing && (n == 0 || errno == EINTR)) continue;
         break;
     }
+    // The peer learns at once that the connection is over (an idle one timed
+    // out, say); the descriptor itself is closed when the slot is reused.
+    if (m_iType == TYPE_TCP && m_Socket != -1) shutdown(m_Socket, SHUT_RDWR);
     m_bActive = false;
 }

@@ -37,8 +37,12 @@ public:
     void Open(int fd, ISocketListener* listener, const sockaddr_in* remote);
     // Shuts the descriptor down, joins the receive thread, closes the descriptor.
     void Close();
-    // Sends the output stream once; an unsent tail stays for the next Send.
-    void Send();
+    // Sends the whole output stream and empties it. A TCP peer that takes
+    // none of it for SEND_TIMEOUT_MS is cut off: the connection is shut down
+    // (its thread ends and the slot frees) and false is returned. A datagram
+    // goes out whole or not at all.
+    bool Send();
+    static constexpr int SEND_TIMEOUT_MS = 30000;
 
     // Takes what Send would send instead of a descriptor: returns the number
     // of bytes taken, or -1 for a failed send. It lets a harness drive the
@@ -58,6 +62,7 @@ public:
 private:
     static void* ThreadMain(void* self);
     void Run();
+    bool SendAll(const unsigned char* data, uint32_t size);
 
     int m_iType;
     int m_Socket = -1;

@@ -1,11 +1,13 @@
 #include "Utilities.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -162,7 +164,9 @@ static const char* const BAD_DESCRIPTOR = "Bad file descriptor";
 int CUtilities::OS_FileCreate(CRuntimeParam* rp, LogArgu* la, const char* path, char* err) {
     int fd = open(path, O_RDWR | O_CREAT, 0666);
     int e = errno;
-    return (int)ReportCall(rp, fd, e, nullptr, err, "[%s] OS create file \"%s\"", NameOf(la), path);
+    ReportCall(rp, fd, e, nullptr, err, "[%s] OS create file \"%s\"", NameOf(la), path);
+    errno = e;  // the caller may retry out of descriptors
+    return fd;
 }
 
 int CUtilities::OS_FileRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err) {
@@ -382,6 +386,24 @@ void CUtilities::SplitIntoVector(const char* text, char delimiter, std::vector<s
 }
 
 // ---- cached descriptors ----------------------------------------------------
+
+size_t CUtilities::MaxCachedFileHandles() {
+    // At most 1024, and never so many that sockets, new files and the
+    // process's other descriptors find none: a quarter of the limit, and at
+    // least 64, stays free.
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return MAX_CACHED_FILE_HANDLES;
+    const rlim_t reserve = std::max<rlim_t>(64, limit.rlim_cur / 4);
+    if (limit.rlim_cur <= reserve + 16) return 16;
+    return (size_t)std::min<rlim_t>(MAX_CACHED_FILE_HANDLES, limit.rlim_cur - reserve);
+}
+
+void CUtilities::RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
 
 void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la) {
     // Recursive: callers inside the cache already hold it; the retry of
@@ -707,7 +729,7 @@ int CUtilities::GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* 
     auto found = m_OpenedFileHandles.find(pcPath);
     if (found != m_OpenedFileHandles.end()) copy = found->second;
     if (copy.iFile == -1) {
-        if (m_OpenedFileHandles.size() > 1023) CloseExceededCachedFileHandle(rp, la);
+        if (m_OpenedFileHandles.size() >= MaxCachedFileHandles()) CloseExceededCachedFileHandle(rp, la);
         bool readWrite = bAlwaysReadWrite || GetMountInfoByPath(rp, la, pcPath, nullptr);
         if (rp && rp->IsLogFileAccess())
             LogInfo(rp, "[%s] open %s mode %s", NameOf(la), readWrite ? "read/write" : "read only", pcPath);
@@ -810,6 +832,11 @@ long long CUtilities::GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pc
 bool CUtilities::NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
     pcPath = OrEmpty(pcPath);
     int fd = OS_FileCreate(rp, la, pcPath, nullptr);
+    if (fd == -1 && errno == EMFILE) {
+        // Out of descriptors: cached ones make room, as for an open.
+        CloseExceededCachedFileHandle(rp, la);
+        fd = OS_FileCreate(rp, la, pcPath, nullptr);
+    }
     if (fd == -1) return false;
     OS_FileClose(rp, la, pcPath, fd, nullptr);
     return true;

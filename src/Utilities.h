@@ -142,6 +142,12 @@ public:
     // m_hMutexOpenedFileHandles, except on the out-of-descriptors retry of
     // OS_FileOpen reached from outside the cache.
     void CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la);
+    // How many descriptors the cache keeps before it thins: at most
+    // MAX_CACHED_FILE_HANDLES, less under a low descriptor limit.
+    static size_t MaxCachedFileHandles();
+    static constexpr size_t MAX_CACHED_FILE_HANDLES = 1024;
+    // Raises the soft limit of open descriptors to the hard limit.
+    static void RaiseDescriptorLimit();
 
     // ---- path convention ---------------------------------------------------
     // Resolves in (through realpath) into out, which holds PATH_BUFFER_SIZE

@@ -209,36 +209,64 @@ TEST(DescriptorCache, AnExhaustedDescriptorTableThinsTheCacheAndRetries) {
     Service s;
     struct rlimit old;
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
-    // A limit just above the highest open descriptor; every free slot below
-    // it is then taken by the cache.
+    // The test caches 15 descriptors (fewer than the cache keeps) and takes
+    // every other free slot itself, so that the next open of the cache
+    // fails for want of descriptors.
     int highest = 0;
     for (int fd = 0; fd < 65536; ++fd)
         if (IsOpen(fd)) highest = fd;
-    int limit = highest + 1 + 20;
-    int slots = limit - CountOpenDescriptors();
-    ASSERT_LT(slots, 1000);
-    for (int i = 0; i <= slots + 1; ++i) WriteWholeFile(dir / std::to_string(i), "x");
+    const int cached = 15;
     struct rlimit tight = old;
-    tight.rlim_cur = (rlim_t)limit;
+    tight.rlim_cur = (rlim_t)(highest + 1 + cached + 20);
+    for (int i = 0; i <= cached + 1; ++i) WriteWholeFile(dir / std::to_string(i), "x");
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
+    ASSERT_GT(CUtilities::MaxCachedFileHandles(), (size_t)cached + 1);
     int opened = 0;
-    for (int i = 0; i < slots; ++i)
+    for (int i = 0; i < cached; ++i)
         if (s.Open(dir / std::to_string(i)) != -1) ++opened;
-    int refused = ::open((dir / std::to_string(slots)).c_str(), O_RDONLY);
+    std::vector<int> held;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY)) != -1;) held.push_back(fd);
     int refusedErrno = errno;
     s.log.Clear();
     // Fails once with too many open files, then a tenth of the rows is
     // closed and the open is tried again.
-    int fd = s.u.GetCachedFileHandle(&s.access, &la, (dir / std::to_string(slots + 1)).c_str(), false);
+    int fd = s.u.GetCachedFileHandle(&s.access, &la, (dir / std::to_string(cached + 1)).c_str(), false);
+    for (int h : held) close(h);
     setrlimit(RLIMIT_NOFILE, &old);
-    EXPECT_EQ(slots, opened);
-    EXPECT_EQ(-1, refused);
+    EXPECT_EQ(cached, opened);
     EXPECT_EQ(EMFILE, refusedErrno);
     EXPECT_NE(-1, fd);
-    EXPECT_EQ((size_t)(slots - slots / 10 + 1), s.u.CachedCount());
+    EXPECT_EQ((size_t)(cached - cached / 10 + 1), s.u.CachedCount());
     EXPECT_TRUE(HasLine(s.log, "info|[Nfs3Prog.ProcedureREAD] Close exceeded cached file handle: " +
-                          std::to_string(slots / 10)));
+                          std::to_string(cached / 10)));
     EXPECT_TRUE(s.u.Consistent());
+}
+
+TEST(DescriptorCache, ItsSizeLeavesAQuarterOfTheLimitFree) {
+    struct rlimit old;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
+    struct rlimit limit = old;
+    const std::pair<rlim_t, size_t> cases[] = {{1024, 768}, {4096, 1024}, {256, 192}, {100, 36}, {60, 16}};
+    for (const auto& c : cases) {
+        if (c.first > old.rlim_max) continue;
+        limit.rlim_cur = c.first;
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        EXPECT_EQ(c.second, CUtilities::MaxCachedFileHandles()) << c.first;
+    }
+    setrlimit(RLIMIT_NOFILE, &old);
+}
+
+TEST(DescriptorCache, TheServerRaisesTheSoftLimitToTheHardOne) {
+    struct rlimit old;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &old));
+    if (old.rlim_max < 2048) GTEST_SKIP() << "hard limit " << old.rlim_max;
+    struct rlimit low = old;
+    low.rlim_cur = 1024;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+    CUtilities::RaiseDescriptorLimit();
+    struct rlimit now;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &now));
+    EXPECT_EQ(old.rlim_max, now.rlim_cur);
 }
 
 TEST(DescriptorCache, AFailedOpenStaysAsARowAndIsRetried) {

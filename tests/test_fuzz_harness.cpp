@@ -100,7 +100,7 @@ TEST(SocketSendSink, TakesTheWholeOutputOfAConnectionWithoutDescriptor) {
     EXPECT_EQ(0u, socket.GetOutputStream()->GetBufferSize());
 }
 
-TEST(SocketSendSink, PartialTakeLeavesTheTailForTheNextSend) {
+TEST(SocketSendSink, PartialTakesAreFollowedByTheRestInOneSend) {
     CSocket socket(CSocket::TYPE_TCP, 100003);
     std::vector<Bytes> sends;
     socket.SetSendSink([&](const unsigned char* data, uint32_t size) -> ssize_t {
@@ -108,29 +108,28 @@ TEST(SocketSendSink, PartialTakeLeavesTheTailForTheNextSend) {
         return sends.size() == 1 ? 4 : size;
     });
     socket.GetOutputStream()->Write("abcdefghij", 10);
-    socket.Send();
-    EXPECT_EQ(6u, socket.GetOutputStream()->GetBufferSize());
-    socket.Send();
+    EXPECT_TRUE(socket.Send());
     ASSERT_EQ(2u, sends.size());
     EXPECT_EQ(Bytes({'e', 'f', 'g', 'h', 'i', 'j'}), sends[1]);
     EXPECT_EQ(0u, socket.GetOutputStream()->GetBufferSize());
 }
 
-TEST(SocketSendSink, FailedDatagramIsDroppedButAFailedStreamSendIsKept) {
+TEST(SocketSendSink, AFailedSendDropsTheReply) {
     for (int type : {CSocket::TYPE_UDP, CSocket::TYPE_TCP}) {
         CSocket socket(type, 100003);
         socket.SetSendSink([](const unsigned char*, uint32_t) -> ssize_t { return -1; });
         socket.GetOutputStream()->Write("reply", 5);
-        socket.Send();
-        EXPECT_EQ(type == CSocket::TYPE_UDP ? 0u : 5u, socket.GetOutputStream()->GetBufferSize()) << type;
+        EXPECT_FALSE(socket.Send()) << type;
+        EXPECT_EQ(0u, socket.GetOutputStream()->GetBufferSize()) << type;
     }
 }
 
-TEST(SocketSendSink, WithoutSinkOrDescriptorNothingIsSentAndTheOutputStays) {
+TEST(SocketSendSink, WithoutSinkOrDescriptorNothingIsSent) {
     CSocket socket(CSocket::TYPE_UDP, 100003);
+    EXPECT_TRUE(socket.Send());  // nothing to send
     socket.GetOutputStream()->Write("reply", 5);
-    socket.Send();
-    EXPECT_EQ(5u, socket.GetOutputStream()->GetBufferSize());
+    EXPECT_FALSE(socket.Send());
+    EXPECT_EQ(0u, socket.GetOutputStream()->GetBufferSize());
 }
 
 // ---- the harness ------------------------------------------------------------------

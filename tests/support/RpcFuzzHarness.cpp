@@ -223,8 +223,11 @@ void RpcFuzzHarness::Run(const uint8_t* data, size_t size) {
                 continue;
             }
             while (length > 0) {
-                in->ConsolidateBuffer(0);
-                if (type == CSocket::TYPE_UDP && in->GetFreeBufferSize() == 0) in->ResetBuffer();
+                // A datagram stands alone; a stream keeps its unread bytes.
+                if (type == CSocket::TYPE_UDP)
+                    in->ResetBuffer();
+                else
+                    in->ConsolidateBuffer(0);
                 const uint32_t room = in->GetFreeBufferSize();
                 if (room == 0) {
                     open = false;  // a full stream buffer ends the connection
