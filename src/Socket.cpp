@@ -1,7 +1,9 @@
 #include "Socket.h"
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -46,6 +48,8 @@ void CSocket::Open(int fd, ISocketListener* listener, const sockaddr_in* remote)
     // A new peer starts with empty streams.
     m_pInputStream->ResetBuffer();
     m_pOutputStream->ResetBuffer();
+    m_llBytesQueued = m_llPeerAcked = 0;
+    m_llPeerProgressMs = CUtilities::GetCurrentSystemTimeInMilliseconds();
     m_bActive = true;
     m_iThreadCreated = pthread_create(&m_hThread, nullptr, ThreadMain, this);
     if (m_iThreadCreated != 0) m_bActive = false;
@@ -90,22 +94,27 @@ bool CSocket::Send() {
 }
 
 bool CSocket::SendAll(const unsigned char* data, uint32_t size) {
-    // Non-blocking sends and a poll bounded by what is left of the deadline,
-    // so that a peer taking a byte now and then cannot stretch it.
-    const unsigned long long deadline = CUtilities::GetCurrentSystemTimeInMilliseconds() + SEND_TIMEOUT_MS;
     uint32_t done = 0;
     while (done < size) {
         ssize_t sent = send(m_Socket, data + done, size - done, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent > 0) {
             done += (uint32_t)sent;
+            m_llBytesQueued += (unsigned long long)sent;
             continue;
         }
         if (sent < 0 && errno == EINTR) continue;
         if (sent == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return false;
+        // The send queue is full. Room made by the kernel growing its buffer
+        // is no sign of life: only bytes the peer acknowledged are.
         const unsigned long long now = CUtilities::GetCurrentSystemTimeInMilliseconds();
-        if (now >= deadline) return false;
+        int unacked = 0;
+        if (ioctl(m_Socket, SIOCOUTQ, &unacked) != 0 || unacked < 0) unacked = 0;
+        const unsigned long long acked = m_llBytesQueued - (unsigned long long)unacked;
+        if (unacked == 0 || acked > m_llPeerAcked) m_llPeerProgressMs = now;
+        m_llPeerAcked = acked;
+        if (now - m_llPeerProgressMs >= (unsigned long long)SEND_TIMEOUT_MS) return false;
         pollfd writable{m_Socket, POLLOUT, 0};
-        if (poll(&writable, 1, (int)(deadline - now)) < 0 && errno != EINTR) return false;
+        if (poll(&writable, 1, 1000) < 0 && errno != EINTR) return false;
     }
     return true;
 }

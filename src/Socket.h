@@ -37,10 +37,10 @@ public:
     void Open(int fd, ISocketListener* listener, const sockaddr_in* remote);
     // Shuts the descriptor down, joins the receive thread, closes the descriptor.
     void Close();
-    // Sends the whole output stream and empties it. A TCP peer that takes
-    // none of it for SEND_TIMEOUT_MS is cut off: the connection is shut down
-    // (its thread ends and the slot frees) and false is returned. A datagram
-    // goes out whole or not at all.
+    // Sends the whole output stream and empties it. A TCP peer that has
+    // acknowledged nothing for SEND_TIMEOUT_MS while a reply waits is cut
+    // off: the connection is shut down (its thread ends and the slot frees)
+    // and false is returned. A datagram goes out whole or not at all.
     bool Send();
     static constexpr int SEND_TIMEOUT_MS = 30000;
 
@@ -78,6 +78,11 @@ private:
     int m_iThreadCreated = -1;
     unsigned long m_lProgId;
     SendSink m_SendSink;
+    // What the peer took of the replies: bytes handed to the kernel, bytes
+    // it acknowledged when last looked at, and when that last grew.
+    unsigned long long m_llBytesQueued = 0;
+    unsigned long long m_llPeerAcked = 0;
+    unsigned long long m_llPeerProgressMs = 0;
 };
 
 // Writes "<what>. <system text> (<errnum>)" into err (ERROR_TEXT_SIZE bytes)
