@@ -2,11 +2,17 @@
 # Installs what is missing, builds and runs every test.
 #   scripts/test.sh             GCC build in build/
 #   scripts/test.sh --sanitize  Clang build with ASan+UBSan in build-asan/
+#   scripts/test.sh --tsan      Clang build with ThreadSanitizer in build-tsan/
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 
-if [ "${1:-}" = "--sanitize" ]; then
+if [ "${1:-}" = "--tsan" ]; then
+  dir=build-tsan
+  opts=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DNFSENGINE_TSAN=ON -DNFSENGINE_BENCH=OFF
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo)
+  export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+elif [ "${1:-}" = "--sanitize" ]; then
   dir=build-asan
   opts=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DNFSENGINE_SANITIZE=ON -DNFSENGINE_BENCH=OFF
         -DCMAKE_BUILD_TYPE=Debug)
