@@ -222,7 +222,8 @@ TEST_F(IpcClientTest, AutoShutdownIsOnlyRequestedAndGrantedWhereTheServerEnabled
     EXPECT_FALSE(server_.IsAutoShutdownRequested());
     server_.EnableAutoShutdown(true);
     EXPECT_TRUE(client_.RequestAutoShutdown());
-    EXPECT_TRUE(server_.IsAutoShutdownRequested());
+    // The serving loop raises the flag once the reply is sent.
+    EXPECT_TRUE(WaitUntil([this] { return server_.IsAutoShutdownRequested(); }));
 }
 
 TEST_F(IpcClientTest, ASecondClientWithTheSameIdCannotOpenTheCallbackChannel) {
