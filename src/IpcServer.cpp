@@ -127,7 +127,7 @@ bool CIpcServer::ReadRequest(char* errText) {
     if (state) LogInfo("[%s] Accept ipc request", READ_NAME);
     FdGuard conn{accept4(listening, nullptr, nullptr, SOCK_CLOEXEC)};
     if (conn.fd == -1) {
-        if (!m_bOpened) {  // woken by Shutdown or Close
+        if (!m_bOpened || errno == EINTR) {  // woken by Shutdown or Close, or a signal
             if (state) LogInfo("[%s] Socket closed", READ_NAME);
             return true;
         }
