@@ -14,6 +14,7 @@
 
 #include "IpcServerThread.h"
 #include "IpcTestSupport.h"
+#include "RpcTestClient.h"
 #include "LogRecorder.h"
 #include "NfsIpcClientMain.h"
 #include "NfsIpcServerMain.h"

@@ -19,6 +19,7 @@
 #include "IpcBasic.h"
 #include "IpcServerThread.h"
 #include "IpcTestSupport.h"
+#include "RpcTestClient.h"
 #include "LogRecorder.h"
 #include "NfsIpcServerMain.h"
 #include "RedirectedFile.h"

@@ -80,11 +80,3 @@ ParsedReply ParseReply(const std::string& bytes) {
     }
     return r;
 }
-
-bool WaitUntil(const std::function<bool()>& condition, int timeoutMs) {
-    for (int waited = 0; !condition(); waited += 10) {
-        if (waited >= timeoutMs) return false;
-        usleep(10 * 1000);
-    }
-    return true;
-}

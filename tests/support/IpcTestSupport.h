@@ -4,7 +4,6 @@
 // under it), raw exchanges on a channel, and replies taken apart.
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -45,6 +44,3 @@ struct ParsedReply {
     std::string text;   // cMsg of types 4 and 5
 };
 ParsedReply ParseReply(const std::string& bytes);
-
-// Polls condition every 10 ms until it holds or timeoutMs passed.
-bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000);
