@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "FileLogger.h"
+#include "NfsIpcClientMain.h"
+#include "NfsIpcServerMain.h"
 #include "NfsMain.h"
 #include "RuntimeParam.h"
 #include "Utilities.h"
@@ -85,7 +87,7 @@ const char* ArgumentOf(const char* line, const char* prefix) {
 // SIGTERM and SIGINT end the interactive loop like "quit", so that the
 // pid file and the IPC socket file are removed (systemd stops the external
 // server with SIGTERM). They are blocked in every thread and collected by
-// the loop, so no server thread's system call is ever interrupted.
+// the loop, so no server thread is interrupted or killed by them.
 sigset_t StopSignals() {
     sigset_t set;
     sigemptyset(&set);
@@ -100,11 +102,15 @@ bool StopSignalPending() {
     return sigtimedwait(&set, nullptr, &zero) > 0;
 }
 
-// The controller of a placement, or null when the placement is not built.
+// The controller of a placement, or null for an unknown one.
 CNfsMain* CreateController(int accessMode, const char* id, int logControl) {
     switch (accessMode) {
     case MODE_INTERNAL:
         return new CNfsMain(id, logControl);
+    case MODE_SERVER:
+        return new CNfsIpcServerMain(id, logControl);
+    case MODE_CLIENT:
+        return new CNfsIpcClientMain(id, logControl);
     default:
         return nullptr;
     }
@@ -187,10 +193,18 @@ int CConsoleUtilities::Run(const char* programName, const char* arguments) {
         RemovePidFile(o.pidFile.c_str(), o.logControl);
         return 0;
     }
+    // The stop signals are blocked before any thread exists (the IPC
+    // thread starts with the controller), so that every thread inherits the
+    // mask and only the loop collects them.
+    const bool interactive = !o.shutdown && !o.query && !o.test;
+    sigset_t stop = StopSignals();
+    sigset_t previous;
+    if (interactive) pthread_sigmask(SIG_BLOCK, &stop, &previous);
     std::unique_ptr<CNfsMain> nfs(CreateController(o.accessMode, o.id.c_str(), o.logControl));
     if (!nfs) {
         printf("Un-supported access mode: %d\n", o.accessMode);
         RemovePidFile(o.pidFile.c_str(), o.logControl);
+        if (interactive) pthread_sigmask(SIG_SETMASK, &previous, nullptr);
         return 1;
     }
     if (o.accessMode != MODE_CLIENT) nfs->EnableAutoShutdown(true);
@@ -252,6 +266,7 @@ int CConsoleUtilities::Run(const char* programName, const char* arguments) {
     if (logger) logger->Close();
     logger.reset();
     RemovePidFile(o.pidFile.c_str(), o.logControl);
+    if (interactive) pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return ok ? 0 : 1;
 }
 
