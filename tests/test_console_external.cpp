@@ -75,11 +75,17 @@ TEST_F(ExternalConsole, WithoutArgumentsItIsTheExternalServerNamedcRun) {
     size_t from = server.Output().size();
     ASSERT_TRUE(server.Send("debug\nprint hello\n"));
     ASSERT_TRUE(server.ReadUntil("[info] (cRun) hello\n", from)) << server.Output();
-    // Log control 0: starting the server logs nothing.
+    // Log control 0: nothing but the printed line is logged, not even the
+    // general-info lines of an export; with control 2 they are.
+    TempDir quiet, loud;
     from = server.Output().size();
-    ASSERT_TRUE(server.Send("start\n"));
-    ASSERT_TRUE(server.ReadUntil("Start NFS success\n", from)) << server.Output();
-    EXPECT_EQ(std::string::npos, server.Output().find("[erro]", from)) << server.Output();
+    ASSERT_TRUE(server.Send("start\nmount " + quiet.Path() + "=quiet\nstart\n"));
+    ASSERT_TRUE(server.ReadUntil("NFS already running\n", from)) << server.Output();
+    const std::string out = server.Output();
+    EXPECT_EQ(out.find("[info]"), out.rfind("[info]")) << out;
+    EXPECT_EQ(std::string::npos, out.find("[erro]")) << out;
+    ASSERT_TRUE(server.Send("log 2\nmount " + loud.Path() + "=loud\n"));
+    ASSERT_TRUE(server.ReadUntil("[info] (cRun) [NfsMain.AddMountPoint]", out.size())) << server.Output();
     ASSERT_TRUE(server.Send("quit\n"));
     EXPECT_TRUE(ExitedWith(server.Finish(0), 0)) << server.Output();
     EXPECT_FALSE(PathExists(CHANNEL));
