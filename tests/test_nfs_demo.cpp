@@ -3,19 +3,23 @@
 // mounts what it prints, and that it stops cleanly on SIGINT and SIGTERM.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
+#include <nfsc/libnfs.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "ChildProcess.h"
+#include "LibnfsMount.h"
 #include "PrivateMounts.h"
 #include "PrivateNetwork.h"
 #include "RpcTestClient.h"
@@ -34,82 +38,12 @@ std::string DemoPath() { return FolderOf(OwnExecutablePath()) + "../nfs_demo"; }
 // build may well live under /tmp), run from this descriptor.
 int g_demoFd = -1;
 
-// The demo as a child whose standard output and error are read by the test.
-class DemoProcess {
+// The demo as a child whose standard output and error the test reads.
+class DemoProcess : public ChildProcess {
 public:
-    ~DemoProcess() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        if (m_fd != -1) close(m_fd);
-    }
-
-    bool Start(const std::vector<std::string>& args) {
-        int fds[2];
-        if (pipe(fds) == -1) return false;
-        m_pid = fork();
-        if (m_pid == -1) return false;
-        if (m_pid == 0) {
-            dup2(fds[1], 1);
-            dup2(fds[1], 2);
-            close(fds[0]);
-            close(fds[1]);
-            std::string name = "nfs_demo";
-            std::vector<char*> argv{const_cast<char*>(name.c_str())};
-            for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            fexecve(g_demoFd, argv.data(), environ);
-            _exit(127);
-        }
-        close(fds[1]);
-        m_fd = fds[0];
-        return true;
-    }
-
-    // Reads until a line equal to line has come (true) or the output ends.
-    bool ReadUntilLine(const std::string& line) {
-        while (true) {
-            for (const std::string& l : SplitLines(m_output))
-                if (l == line) return true;
-            if (!ReadMore()) return false;
-        }
-    }
-
-    // Sends signal (0: none), reads everything and returns the exit status.
-    int Finish(int signal) {
-        if (signal != 0) kill(m_pid, signal);
-        while (ReadMore()) {
-        }
-        int status = 0;
-        waitpid(m_pid, &status, 0);
-        m_pid = -1;
-        return status;
-    }
-
-    const std::string& Output() const { return m_output; }
-    bool HasLine(const std::string& line) const {
-        for (const std::string& l : SplitLines(m_output))
-            if (l == line) return true;
-        return false;
-    }
-
-private:
-    // One read; false at the end of the output (or when nothing comes for
-    // 30 seconds, so that a broken demo fails the test instead of hanging it).
-    bool ReadMore() {
-        pollfd p{m_fd, POLLIN, 0};
-        if (poll(&p, 1, 30000) != 1) return false;
-        char buf[4096];
-        ssize_t n = read(m_fd, buf, sizeof buf);
-        if (n <= 0) return false;
-        m_output.append(buf, (size_t)n);
-        return true;
-    }
-
-    pid_t m_pid = -1;
-    int m_fd = -1;
-    std::string m_output;
+    bool Start(const std::vector<std::string>& args) { return ChildProcess::Start(g_demoFd, "nfs_demo", args); }
+    // Reads until the line has come (true) or the output ends.
+    bool ReadUntilLine(const std::string& line) { return HasLine(line) || ReadUntil("\n" + line + "\n"); }
 };
 
 // MNT of name on the MOUNT port: the mount status (13 refused, 0 mounted).
@@ -149,29 +83,84 @@ protected:
 
 }  // namespace
 
-TEST_F(Demo, WithoutArgumentsServesTheDemoFolderAndPrintsHowAClientReachesIt) {
+TEST_F(Demo, WithoutArgumentsServesAVirtualDiskChecksItThroughNfsAndPrintsHowHostsMountIt) {
+    const auto started = std::chrono::steady_clock::now();
     DemoProcess demo;
-    ASSERT_TRUE(demo.Start({}));
+    ASSERT_TRUE(demo.Start({"--log", "3"}));
     ASSERT_TRUE(demo.ReadUntilLine(READY)) << demo.Output();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
     EXPECT_TRUE(demo.HasLine("nfs_demo: serving with the internal portmapper on port 111")) << demo.Output();
     EXPECT_TRUE(demo.HasLine("nfs_demo: MOUNT port 1058, NFS port 2049")) << demo.Output();
     EXPECT_TRUE(demo.HasLine("nfs_demo: export \"demo\" = /tmp/nfsengine-demo")) << demo.Output();
+    EXPECT_TRUE(demo.HasLine("    [  65536,   98304) hole (no segment): zeros")) << demo.Output();
+    EXPECT_TRUE(demo.HasLine("    [ 163840,  196608) segment without source: zeros")) << demo.Output();
+
+    // The checksum line: the disk read through NFS equals the local assembly.
+    std::string checksum;
+    for (const std::string& l : demo.Lines())
+        if (l.find("nfs_demo: read 262144 bytes of vm-disk.vmdk through NFS (libnfs): checksum ") == 0) checksum = l;
+    ASSERT_FALSE(checksum.empty()) << demo.Output();
+    EXPECT_EQ(checksum.size() - strlen(": match"), checksum.rfind(": match")) << checksum;
+    const std::string served = checksum.substr(checksum.find("checksum ") + 9, 16);
+    EXPECT_NE(std::string::npos, checksum.find("local reference " + served)) << checksum;
+
+    // How each kind of client mounts the export, with the explicit ports.
+    EXPECT_TRUE(demo.HasLine("    mount -t nfs -o vers=3,proto=tcp,port=2049,mountport=1058,mountproto=tcp,nolock,noacl "
+                             "127.0.0.1:demo /mnt/demo"))
+        << demo.Output();
+    EXPECT_TRUE(demo.HasLine("    esxcli storage nfs add --host=127.0.0.1 --share=demo --volume-name=demo"))
+        << demo.Output();
     EXPECT_TRUE(demo.HasLine(
         "    nfs_parse_url_incomplete(nfs, \"nfs://127.0.0.1/?nfsport=2049&mountport=1058&auto-traverse-mounts=0\");"))
         << demo.Output();
     EXPECT_TRUE(demo.HasLine("    nfs_mount(nfs, \"127.0.0.1\", \"demo\");")) << demo.Output();
-    EXPECT_EQ("Hello from the NFS engine.\n", ReadWholeFile("/tmp/nfsengine-demo/hello.txt"));
-    EXPECT_TRUE(PathExists("/tmp/nfsengine-demo/README.txt"));
 
-    // What it printed works: the export is mounted by its bare name.
+    // The backup and the disk as another client sees them: the disk's
+    // ranges are the backup files' bytes, and zeros in the hole and in the
+    // range without source. The demo unmounted after its own check.
+    const std::string disk0 = ReadWholeFile("/tmp/nfsengine-demo/backup/disk-0.bin");
+    const std::string disk1 = ReadWholeFile("/tmp/nfsengine-demo/backup/disk-1.bin");
+    const std::string disk2 = ReadWholeFile("/tmp/nfsengine-demo/backup/disk-2.bin");
+    ASSERT_EQ(98304u, disk0.size());
+    EXPECT_NE(disk0, disk1);
+    {
+        LibnfsMount client;
+        std::string why;
+        ASSERT_TRUE(client.Mount("nfsport=2049&mountport=1058&auto-traverse-mounts=0", "demo", &why)) << why;
+        struct nfsfh* fh = nullptr;
+        ASSERT_EQ(0, nfs_open(client.Get(), "/vm-disk.vmdk", O_RDONLY, &fh)) << nfs_get_error(client.Get());
+        std::string data(262144 + 10, '\x55');
+        size_t got = 0;
+        int n;
+        while ((n = nfs_pread(client.Get(), fh, got, 65536, &data[got])) > 0) got += (size_t)n;
+        nfs_close(client.Get(), fh);
+        nfs_umount(client.Get());
+        ASSERT_EQ(262144u, got);
+        EXPECT_EQ(disk0.substr(0, 65536), data.substr(0, 65536));
+        EXPECT_EQ(std::string(32768, '\0'), data.substr(65536, 32768));
+        EXPECT_EQ(disk1.substr(4096, 65536), data.substr(98304, 65536));
+        EXPECT_EQ(std::string(32768, '\0'), data.substr(163840, 32768));
+        EXPECT_EQ(disk2.substr(8192, 65536), data.substr(196608, 65536));
+    }
     EXPECT_EQ(0u, Mount(1058, "demo"));
 
-    int status = demo.Finish(SIGTERM);
+    int status = demo.Finish(SIGINT);
     ASSERT_TRUE(WIFEXITED(status)) << demo.Output();
     EXPECT_EQ(0, WEXITSTATUS(status));
-    EXPECT_TRUE(demo.HasLine("nfs_demo: SIGTERM received, stopping")) << demo.Output();
+    EXPECT_TRUE(demo.HasLine("nfs_demo: SIGINT received, stopping")) << demo.Output();
     EXPECT_TRUE(demo.HasLine("nfs_demo: stopped")) << demo.Output();
     EXPECT_NE(std::string::npos, demo.Output().find("[MountProg.ProcedureMNT] Mount OK")) << demo.Output();
+}
+
+TEST_F(Demo, StopsCleanlyOnSigterm) {
+    DemoProcess demo;
+    ASSERT_TRUE(demo.Start({}));
+    ASSERT_TRUE(demo.ReadUntilLine(READY)) << demo.Output();
+    // Errors only by default: no info lines.
+    EXPECT_EQ(std::string::npos, demo.Output().find("[info]")) << demo.Output();
+    int status = demo.Finish(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << demo.Output();
+    EXPECT_TRUE(demo.HasLine("nfs_demo: SIGTERM received, stopping")) << demo.Output();
 }
 
 TEST_F(Demo, ServesTheGivenExportsOnTheGivenPortsAndStopsOnSigint) {
@@ -187,6 +176,9 @@ TEST_F(Demo, ServesTheGivenExportsOnTheGivenPortsAndStopsOnSigint) {
         "    nfs_parse_url_incomplete(nfs, \"nfs://127.0.0.1/?nfsport=3049&mountport=4058&auto-traverse-mounts=0\");"))
         << demo.Output();
     EXPECT_TRUE(demo.HasLine("    nfs_mount(nfs, \"127.0.0.1\", \"backup\");")) << demo.Output();
+    EXPECT_TRUE(demo.HasLine("    mount -t nfs -o vers=3,proto=tcp,port=3049,mountport=4058,mountproto=tcp,nolock,noacl,ro "
+                             "127.0.0.1:backup /mnt/backup"))
+        << demo.Output();
     EXPECT_FALSE(PathExists("/tmp/nfsengine-demo"));
 
     EXPECT_EQ(0u, Mount(4058, "other"));
