@@ -9,7 +9,10 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <cstring>
 #include <stdexcept>
+
+#include "Utilities.h"
 
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
@@ -70,3 +73,19 @@ static int CountEntries(const char* folder) {
 
 int CountOpenDescriptors() { return CountEntries("/proc/self/fd") - 1; /* the walk's own */ }
 int CountThreads() { return CountEntries("/proc/self/task"); }
+
+namespace {
+
+// Reaches the verifier that CUtilities keeps to itself.
+struct HandleVerifierAccess : CUtilities {
+    static const unsigned char* Of(const CUtilities& u) { return u.*(&HandleVerifierAccess::m_cHandleVerifier); }
+};
+
+}  // namespace
+
+std::vector<unsigned char> HandleOfId(const CUtilities& u, unsigned int id) {
+    std::vector<unsigned char> handle(FILE_HANDLE_SIZE, 0);
+    memcpy(handle.data(), &id, sizeof id);
+    memcpy(handle.data() + HANDLE_VERIFIER_OFFSET, HandleVerifierAccess::Of(u), HANDLE_VERIFIER_SIZE);
+    return handle;
+}
