@@ -470,7 +470,8 @@ bool CUtilities::GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* 
     unsigned int id = m_pFileTable ? m_pFileTable->GetIDByPath(canonical) : NO_FILE_ID;
     memcpy(handle, &id, sizeof id);
     size_t room = (size_t)size - HANDLE_VERIFIER_OFFSET;
-    memcpy(handle + HANDLE_VERIFIER_OFFSET, m_cHandleVerifier, room < HANDLE_VERIFIER_SIZE ? room : HANDLE_VERIFIER_SIZE);
+    memcpy(handle + HANDLE_VERIFIER_OFFSET, m_cHandleVerifier,
+           room < HANDLE_VERIFIER_SIZE ? room : HANDLE_VERIFIER_SIZE);
     return id != NO_FILE_ID;
 }
 
@@ -501,7 +502,8 @@ void CUtilities::RenewHandleVerifier() {
     if (getrandom(fresh, sizeof fresh, 0) != (ssize_t)sizeof fresh) {
         // No random source: the clock and the previous value still change it.
         unsigned long long mix = GetCurrentSystemTimeInMilliseconds() * 0x9E3779B97F4A7C15ULL;
-        for (size_t i = 0; i < sizeof fresh; ++i) fresh[i] = (unsigned char)(m_cHandleVerifier[i] + 1 + (mix >> (8 * i)));
+        for (size_t i = 0; i < sizeof fresh; ++i)
+            fresh[i] = (unsigned char)(m_cHandleVerifier[i] + 1 + (mix >> (8 * i)));
     }
     memcpy(m_cHandleVerifier, fresh, sizeof fresh);
 }

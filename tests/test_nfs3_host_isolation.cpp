@@ -126,7 +126,8 @@ TEST_F(HostIsolation, AnotherHostReachesNothingOfAnExportItDidNotMount) {
     for (auto t : {RpcTestClient::TCP, RpcTestClient::UDP}) {
         // Even with handles that the mounting host was given.
         EXPECT_EQ(Words({ACCES}), From(HOST_B, PROC_GETATTR, HandleArgs(root), t));
-        EXPECT_EQ(Words({ACCES, 0}), From(HOST_B, PROC_READDIR, Join({HandleArgs(root), Words({0, 0, 0, 0, 4096})}), t));
+        Bytes readdir = Join({HandleArgs(root), Words({0, 0, 0, 0, 4096})});
+        EXPECT_EQ(Words({ACCES, 0}), From(HOST_B, PROC_READDIR, readdir, t));
         EXPECT_EQ(Words({ACCES, 0}), From(HOST_B, PROC_READ, ReadArgs(file, 0, 6), t));
         EXPECT_EQ(Words({ACCES, 0, 0}), From(HOST_B, PROC_WRITE, WriteArgs(file, 0, 4, "evil"), t));
         EXPECT_EQ(Words({ACCES, 0, 0}), From(HOST_B, PROC_CREATE, CreateArgs(root, "planted"), t));
@@ -199,7 +200,8 @@ TEST_F(HostIsolation, ADanglingLinkIsNeverFollowedOutOfTheExport) {
     for (const Bytes& dir : {root, sub}) {
         for (auto t : {RpcTestClient::TCP, RpcTestClient::UDP}) {
             EXPECT_EQ(Words({ACCES, 0, 0}), From(HOST_A, PROC_CREATE, CreateArgs(dir, "evil"), t));
-            EXPECT_EQ(Words({ACCES, 0, 0}), From(HOST_A, PROC_MKDIR, Join({DirOpArgs(dir, "evil"), Words({0, 0, 0, 0, 0, 0})}), t));
+            Bytes mkdir = Join({DirOpArgs(dir, "evil"), Words({0, 0, 0, 0, 0, 0})});
+            EXPECT_EQ(Words({ACCES, 0, 0}), From(HOST_A, PROC_MKDIR, mkdir, t));
             EXPECT_EQ(Words({ACCES, 0}), From(HOST_A, PROC_LOOKUP, DirOpArgs(dir, "evil"), t));
         }
     }
@@ -225,10 +227,9 @@ TEST_F(HostIsolation, ADanglingLinkIsNeverFollowedOutOfTheExport) {
 TEST_F(HostIsolation, OverlongNamesAndNamesWithAZeroByteAreRefused) {
     for (size_t length : {256, 4096, 5000}) {
         for (auto t : {RpcTestClient::TCP, RpcTestClient::UDP}) {
-            EXPECT_EQ(Words({NAMETOOLONG, 0}), From(HOST_A, PROC_LOOKUP, DirOpArgs(root, std::string(length, 'n')), t))
-                << length;
-            EXPECT_EQ(Words({NAMETOOLONG, 0, 0}), From(HOST_A, PROC_CREATE, CreateArgs(root, std::string(length, 'n')), t))
-                << length;
+            const std::string name(length, 'n');
+            EXPECT_EQ(Words({NAMETOOLONG, 0}), From(HOST_A, PROC_LOOKUP, DirOpArgs(root, name), t)) << length;
+            EXPECT_EQ(Words({NAMETOOLONG, 0, 0}), From(HOST_A, PROC_CREATE, CreateArgs(root, name), t)) << length;
         }
     }
     const std::string withZero("f\0.txt", 6);
