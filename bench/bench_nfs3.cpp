@@ -35,7 +35,11 @@ public:
         }
         LogArgu la{"bench"};
         m_utilities.AddMountInfo(&m_rp, &la, m_root.c_str(), "bench", "", nullptr);
+        // Mounted by the calls' address, as a client leaves it: else every
+        // call would be refused before it does its work.
+        m_utilities.UpdateMountClientIpAddrByExportName("bench", "127.0.0.1", nullptr, nullptr);
         m_param.iVersion = 3;
+        m_param.sRemoteAddr = "127.0.0.1";
         m_param.pRuntimeParam = &m_rp;
     }
     ~Bench() {

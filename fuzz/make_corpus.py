@@ -41,9 +41,14 @@ def string(text):
     return opaque(text.encode())
 
 
+# Bytes 4..11 of every handle the harness's server gives out.
+HANDLE_VERIFIER = b"fuzzverf"
+
+
 def fh(file_id):
-    # The server's handle: the file ID in the host's (little-endian) order.
-    return opaque(struct.pack("<I", file_id) + b"\0" * 52)
+    # The server's handle: the file ID in the host's (little-endian) order,
+    # then the verifier.
+    return opaque(struct.pack("<I", file_id) + HANDLE_VERIFIER + b"\0" * 44)
 
 
 def diropargs(dir_id, name):

@@ -10,8 +10,14 @@ constexpr size_t FILE_HANDLE_SIZE = 56;
 // The file ID that names no row.
 constexpr unsigned int NO_FILE_ID = 0xFFFFFFFF;
 
+// The handle's verifier: bytes 4..11, renewed whenever the file table is
+// emptied, so that a handle from before, whose ID may since name another
+// file, is known as stale.
+constexpr size_t HANDLE_VERIFIER_OFFSET = 4;
+constexpr size_t HANDLE_VERIFIER_SIZE = 8;
+
 // The NFS file handle: bytes 0..3 hold the file ID in the host's own byte
-// order (not network order), bytes 4..55 are zero.
+// order (not network order), bytes 4..11 the verifier, bytes 12..55 are zero.
 struct nfs_fh3 {
     unsigned char cHandle[FILE_HANDLE_SIZE];
 };

@@ -129,12 +129,20 @@ int CMountProg::ProcedureUMNT(CInputStream* in, COutputStream*, ProcessParam* pa
         m_pUtilities->LogInfo(rp, "[%s] From %s", la.pcName, param->sRemoteAddr.c_str());
     COpaquePath path;
     const bool logInfo = rp && rp->IsLogGeneralInfo();
-    if (ReadPath(rp, &la, in, &path)) {
-        if (logInfo) m_pUtilities->LogInfo(rp, "[%s] Umount OK", la.pcName);
-        m_pUtilities->UpdateMountClientIpAddrByExportName(path.sPath, nullptr, nullptr, nullptr);
-    } else if (logInfo) {
-        m_pUtilities->LogInfo(rp, "[%s] Umount FAIL", la.pcName);
+    if (!ReadPath(rp, &la, in, &path)) {
+        if (logInfo) m_pUtilities->LogInfo(rp, "[%s] Umount FAIL", la.pcName);
+        return RESULT_DONE;
     }
+    // Only the host that mounted an export may give it up: any other would
+    // take it over with its next MNT.
+    char err[ERROR_TEXT_SIZE] = "";
+    if (m_pUtilities->IsMountInfoExists(rp, &la, nullptr, path.sPath, nullptr) &&
+        !m_pUtilities->ReleaseMountClientIpAddrByExportName(path.sPath, param->sRemoteAddr.c_str(), err)) {
+        if (rp && rp->IsLogError()) m_pUtilities->LogError(rp, "[%s] %s", la.pcName, err);
+        if (logInfo) m_pUtilities->LogInfo(rp, "[%s] Umount FAIL", la.pcName);
+        return RESULT_DONE;
+    }
+    if (logInfo) m_pUtilities->LogInfo(rp, "[%s] Umount OK", la.pcName);
     return RESULT_DONE;
 }
 

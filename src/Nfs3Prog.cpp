@@ -5,7 +5,9 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "DataTruncatedExpt.h"
 #include "InputStream.h"
@@ -38,6 +40,15 @@ constexpr uint32_t READ_MAX_DATAGRAM_COUNT = 61440;
 
 const char* NameOf(const LogArgu* argu) { return argu && argu->pcName ? argu->pcName : ""; }
 CRuntimeParam* RuntimeOf(ProcessParam* param) { return param ? param->pRuntimeParam : nullptr; }
+
+// Whether path is the folder root or lies beneath it; both are compared with
+// a trailing slash, as the export table does.
+bool IsInside(const char* path, std::string root) {
+    std::string slashed = path;
+    CUtilities::SetPathToCompare(slashed);
+    CUtilities::SetPathToCompare(root);
+    return slashed.compare(0, root.size(), root) == 0;
+}
 
 uint32_t FileTypeOf(mode_t mode) {
     switch (mode & 0xF000) {
@@ -137,7 +148,10 @@ void CNfs3Prog::SkipObject(NfsCall& c) {
 }
 
 bool CNfs3Prog::ReadEntry(NfsCall& c, diropargs3& args, char* path) {
-    if (!ReadPath(c.param, &c.argu, c.in, &args, path)) return false;
+    nfsstat3 refused = NFS3_OK;
+    bool read = ReadPath(c.param, &c.argu, c.in, &args, path, &refused);
+    if (c.argStat == NFS3_OK) c.argStat = refused;
+    if (!read) return false;
     if (IsEntryName(args.name.sPath)) return true;
     Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Invalid entry name", c.argu.pcName);
     path[0] = '\0';
@@ -150,10 +164,15 @@ bool CNfs3Prog::IsEntryName(const char* name) {
 
 void CNfs3Prog::SkipEntry(NfsCall& c) {
     SkipObject(c);
-    Read(c.in, static_cast<filename3*>(nullptr), true);
+    opaque name;
+    Read(c.in, &name);
+    if (name.iBufLen > NAME_MAX_LENGTH && c.argStat == NFS3_OK) c.argStat = NFS3ERR_NAMETOOLONG;
 }
 
-nfsstat3 CNfs3Prog::CheckMount(NfsCall& c) { return CheckProcessParam(c.param, &c.argu, c.path); }
+nfsstat3 CNfs3Prog::CheckMount(NfsCall& c) {
+    if (c.argStat != NFS3_OK) return c.argStat;
+    return CheckProcessParam(c.param, &c.argu, c.path);
+}
 
 nfsstat3 CNfs3Prog::CheckObject(NfsCall& c, bool mustExist) {
     nfsstat3 stat = CheckMount(c);
@@ -286,7 +305,7 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* in, COutputStream* out, ProcessPar
 int CNfs3Prog::ProcedureLOOKUP(CInputStream* in, COutputStream* out, ProcessParam* param) {
     NfsCall c(this, "Nfs3Prog.ProcedureLOOKUP", in, out, param);
     diropargs3 args;
-    ReadPath(param, &c.argu, in, &args, c.path);
+    ReadPath(param, &c.argu, in, &args, c.path, &c.argStat);
     c.stat = CheckObject(c, true);
     if (c.stat == NFS3ERR_IO) c.stat = NFS3ERR_NOENT;
     WriteStatus(c);
@@ -371,6 +390,8 @@ int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
 
     // The cookie is a position: skip the entries that earlier pages gave.
     // A directory that cannot be opened lists as empty.
+    MountInfo mount;
+    m_pUtilities->GetMountInfoByPath(c.rp, &c.argu, c.path, &mount);
     bool eof = true;
     DirectoryStream dir(c.path);
     if (dir.IsOpen()) {
@@ -385,10 +406,15 @@ int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
                     break;
                 }
                 WriteBool(c.out, true);  // an entry follows
-                char full[PATH_BUFFER_SIZE];
+                char full[PATH_BUFFER_SIZE], target[PATH_BUFFER_SIZE];
                 bool joined = AppendFilePath(c.path, name, full);
-                // The file table ID, which also gives the entry its handle.
-                unsigned int id = joined ? m_pUtilities->GetFileID(c.rp, &c.argu, full) : NO_FILE_ID;
+                // The file table ID, which also gives the entry its handle;
+                // none for a link that leads out of the export.
+                bool reachable = joined &&
+                                 ResolveEntryIn(c.rp, &c.argu, mount.sLocalMountPath, c.path, name, target) ==
+                                     NFS3_OK &&
+                                 target[0] != '\0';
+                unsigned int id = reachable ? m_pUtilities->GetFileID(c.rp, &c.argu, target) : NO_FILE_ID;
                 WriteUint64(c.out, id);
                 Write(c.out, opaque{reinterpret_cast<const unsigned char*>(name), (uint32_t)strlen(name)}, false);
                 WriteUint64(c.out, ++cookie);
@@ -397,7 +423,7 @@ int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
                 if (plus) {
                     WritePostOpAttr(c, joined ? full : nullptr);
                     post_op_fh3 fh;
-                    fh.handle_follows = joined && GetNfsFileHandle(c.param, &c.argu, full, &fh.handle);
+                    fh.handle_follows = reachable && GetNfsFileHandle(c.param, &c.argu, target, &fh.handle);
                     Write(c.out, fh);
                 }
             }
@@ -650,7 +676,7 @@ int CNfs3Prog::ProcedureMKNOD(CInputStream* in, COutputStream* out, ProcessParam
     Read(in, &node, true);
     CheckMount(c);  // refuses the empty path; only its log line is kept
     bool special = node.type == NF3CHR || node.type == NF3BLK || node.type == NF3SOCK || node.type == NF3FIFO;
-    c.stat = special ? NFS3ERR_NOTSUPP : NFS3ERR_BADTYPE;
+    c.stat = c.argStat != NFS3_OK ? c.argStat : special ? NFS3ERR_NOTSUPP : NFS3ERR_BADTYPE;
     return EndWithWccData(c);
 }
 
@@ -683,13 +709,19 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* in, COutputStream* out, ProcessPara
     ReadEntry(c, to, toPath);
     c.stat = CheckOldEntry(c);
     if (c.stat == NFS3_OK) c.stat = CheckPath(toPath, false);
-    // The target must lie in an export too: a handle of a folder outside
-    // every export (the parent of an export's root, listed as "..") must not
-    // become a way out.
-    MountInfo mount;
-    if (c.stat == NFS3_OK && !m_pUtilities->GetMountInfoByPath(c.rp, &c.argu, toPath, &mount)) {
-        Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Path record not found", c.argu.pcName);
-        c.stat = NFS3ERR_IO;
+    // The target must lie in the source's export: a handle of a folder
+    // outside every export must not become a way out, nor one of another
+    // export a way into data that another host owns.
+    MountInfo fromMount, toMount;
+    if (c.stat == NFS3_OK) {
+        m_pUtilities->GetMountInfoByPath(c.rp, &c.argu, c.path, &fromMount);
+        if (!m_pUtilities->GetMountInfoByPath(c.rp, &c.argu, toPath, &toMount)) {
+            Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Path record not found", c.argu.pcName);
+            c.stat = NFS3ERR_IO;
+        } else if (toMount.sExportName != fromMount.sExportName) {
+            Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Target lies in another export: %s", c.argu.pcName, toPath);
+            c.stat = NFS3ERR_XDEV;
+        }
     }
     // The file table row moves with the file, so that its handles follow it.
     if (c.stat == NFS3_OK && !m_pUtilities->RenameFile(c.rp, &c.argu, c.path, toPath)) c.stat = NFS3ERR_IO;
@@ -711,42 +743,111 @@ int CNfs3Prog::ProcedureLINK(CInputStream* in, COutputStream* out, ProcessParam*
 
 // ---- paths, checks and attributes ----------------------------------------------------
 
-bool CNfs3Prog::ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, char* path) {
+bool CNfs3Prog::ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, char* path, nfsstat3* stat) {
     path[0] = '\0';
     opaque handle;
     Read(in, &handle);
-    // The ID sits in the first 4 bytes; a shorter handle names no file
-    // (nothing behind its own bytes is ever taken for it).
-    if (m_pUtilities == nullptr || handle.iBufLen < sizeof(unsigned int)) return false;
+    if (m_pUtilities == nullptr) return false;
     CRuntimeParam* rp = RuntimeOf(param);
-    if (!m_pUtilities->GetFilePath(rp, handle.pBuf, path, (int)PATH_BUFFER_SIZE)) {
+    // Only the handle's own bytes are looked at: one too short to hold the
+    // verifier is stale.
+    bool stale = false;
+    if (!m_pUtilities->GetFilePath(rp, handle.pBuf, path, (int)PATH_BUFFER_SIZE, handle.iBufLen, &stale)) {
         path[0] = '\0';
+        if (stale) {
+            Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Stale file handle", NameOf(argu));
+            if (stat && *stat == NFS3_OK) *stat = NFS3ERR_STALE;
+        }
         return false;
     }
     Log(rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Path = %s", NameOf(argu), path);
     return true;
 }
 
-bool CNfs3Prog::ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, diropargs3* args, char* path) {
+bool CNfs3Prog::ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, diropargs3* args, char* path,
+                         nfsstat3* stat) {
     path[0] = '\0';
     args->name.sPath[0] = '\0';
     // On an unknown directory the name stays unread.
-    if (!ReadPath(param, argu, in, args->dir.sPath)) return false;
-    Read(in, &args->name, false);
+    if (!ReadPath(param, argu, in, args->dir.sPath, stat)) return false;
+    opaque name;
+    Read(in, &name);
+    // The name as text (ending at a zero byte, cut to fit); CheckName
+    // judges the bytes as sent.
+    size_t length = name.iBufLen < sizeof args->name.sPath ? name.iBufLen : sizeof args->name.sPath - 1;
+    memcpy(args->name.sPath, name.pBuf, length);
+    args->name.sPath[length] = '\0';
     CRuntimeParam* rp = RuntimeOf(param);
     Log(rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Read path=%s, name=%s", NameOf(argu), args->dir.sPath,
         args->name.sPath);
-    char joined[PATH_BUFFER_SIZE];
-    if (!AppendFilePath(args->dir.sPath, args->name.sPath, joined)) return false;
-    m_pUtilities->GetCanonicalPath(rp, argu, path, joined);
+    nfsstat3 refused = CheckName(name);
+    if (refused != NFS3_OK)
+        Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Invalid name (length %u)", NameOf(argu), name.iBufLen);
+    else
+        refused = ResolveEntry(rp, argu, args->dir.sPath, args->name.sPath, path);
+    if (refused != NFS3_OK) {
+        path[0] = '\0';
+        if (stat && *stat == NFS3_OK) *stat = refused;
+        return false;
+    }
     Log(rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Path = %s", NameOf(argu), path);
-    return true;
+    return path[0] != '\0';
+}
+
+nfsstat3 CNfs3Prog::CheckName(const opaque& name) {
+    if (name.iBufLen > NAME_MAX_LENGTH) return NFS3ERR_NAMETOOLONG;
+    if (name.iBufLen == 0 || memchr(name.pBuf, '/', name.iBufLen) || memchr(name.pBuf, '\0', name.iBufLen))
+        return NFS3ERR_ACCES;
+    return NFS3_OK;
+}
+
+nfsstat3 CNfs3Prog::ResolveEntry(CRuntimeParam* rp, LogArgu* argu, const char* dir, const char* name, char* out) {
+    out[0] = '\0';
+    MountInfo mount;
+    if (m_pUtilities == nullptr || !m_pUtilities->GetMountInfoByPath(rp, argu, dir, &mount)) return NFS3_OK;
+    return ResolveEntryIn(rp, argu, mount.sLocalMountPath, dir, name, out);
+}
+
+nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::string& root, const char* dir,
+                                   const char* name, char* out) {
+    out[0] = '\0';
+    if (strcmp(name, "..") == 0 && root == dir) {
+        snprintf(out, PATH_BUFFER_SIZE, "%s", dir);  // the root's parent is outside: the root stands for it
+        return NFS3_OK;
+    }
+    char joined[PATH_BUFFER_SIZE], resolved[PATH_BUFFER_SIZE];
+    if (!AppendFilePath(dir, name, joined)) return NFS3_OK;
+    if (realpath(joined, resolved) == nullptr) {
+        // Not there (yet), or a link that leads nowhere: the resolved folder
+        // plus the name, which must not be a link, since whatever is made
+        // there later would go where the link points.
+        char folder[PATH_BUFFER_SIZE];
+        if (realpath(dir, folder) == nullptr || !AppendFilePath(folder, name, resolved)) return NFS3_OK;
+        struct stat st;
+        if (lstat(resolved, &st) == 0 && S_ISLNK(st.st_mode)) {
+            Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Link leads nowhere: %s", NameOf(argu), resolved);
+            return NFS3ERR_ACCES;
+        }
+    }
+    if (!IsInside(resolved, root)) {
+        Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Entry leads out of its export: %s", NameOf(argu), resolved);
+        return NFS3ERR_ACCES;
+    }
+    snprintf(out, PATH_BUFFER_SIZE, "%s", resolved);
+    return NFS3_OK;
 }
 
 nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* param, LogArgu* argu, const char* path) {
     CRuntimeParam* rp = RuntimeOf(param);
     MountInfo mount;
     if (path != nullptr && m_pUtilities != nullptr && m_pUtilities->GetMountInfoByPath(rp, argu, path, &mount)) {
+        // An export answers only the host that mounted it.
+        const char* caller = param ? param->sRemoteAddr.c_str() : "";
+        if (mount.sRemoteIpAddr.empty() || mount.sRemoteIpAddr != caller) {
+            Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Export \"%s\" is not mounted by %s", NameOf(argu),
+                mount.sExportName.c_str(), caller);
+            return NFS3ERR_ACCES;
+        }
         // Everything the call logs or reports from here on is the mount's.
         if (rp) {
             rp->SetID(mount.sExportName.c_str());

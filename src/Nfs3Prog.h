@@ -16,8 +16,10 @@ enum nfsstat3 : uint32_t {
     NFS3ERR_IO = 5,
     NFS3ERR_ACCES = 13,
     NFS3ERR_EXIST = 17,
+    NFS3ERR_XDEV = 18,
     NFS3ERR_INVAL = 22,
     NFS3ERR_FBIG = 27,
+    NFS3ERR_NAMETOOLONG = 63,
     NFS3ERR_STALE = 70,
     NFS3ERR_NOT_SYNC = 10002,
     NFS3ERR_NOTSUPP = 10004,
@@ -189,6 +191,8 @@ struct mknoddata3 {
 class CNfs3Prog : public CRpcProg {
 public:
     static constexpr unsigned int PROCEDURE_COUNT = 22;
+    // The longest name of one entry.
+    static constexpr uint32_t NAME_MAX_LENGTH = 255;
 
     explicit CNfs3Prog(CUtilities* utilities);
     ~CNfs3Prog() override;
@@ -233,15 +237,34 @@ public:
 
     // ---- shared operations -------------------------------------------------------
     // Reads a handle and resolves it to its path (PATH_BUFFER_SIZE bytes);
-    // false, with the path empty, when it names no file.
-    bool ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, char* path);
+    // false, with the path empty, when it names no file. A handle of an
+    // earlier file table sets *stat to NFS3ERR_STALE.
+    bool ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, char* path, nfsstat3* stat = nullptr);
     // Reads directory arguments: the directory's path into args->dir, the
     // name into args->name and the entry's canonical path into path. When the
     // directory handle does not resolve, returns false at once and leaves the
-    // name unread.
-    bool ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, diropargs3* args, char* path);
-    // NFS3_OK when path lies in an export, which then becomes the call's ID
-    // and IPC ID; NFS3ERR_IO otherwise.
+    // name unread. A refused name or entry sets *stat (see CheckName and
+    // ResolveEntry) and leaves path empty.
+    bool ReadPath(ProcessParam* param, LogArgu* argu, CInputStream* in, diropargs3* args, char* path,
+                  nfsstat3* stat = nullptr);
+    // A name must be one entry: NFS3ERR_NAMETOOLONG over NAME_MAX_LENGTH
+    // bytes; NFS3ERR_ACCES when empty or holding "/" or a zero byte.
+    static nfsstat3 CheckName(const opaque& name);
+    // The path of the entry name of the folder dir into out, never outside
+    // dir's export: "." is dir, ".." its parent or, at the export's root, the
+    // root itself; links are followed only to their export. A name that does
+    // not resolve is the resolved folder plus the name, which must not be a
+    // link. NFS3ERR_ACCES for an entry that would leave the export; out stays
+    // empty (and the mount check refuses it) when dir lies in no export or
+    // cannot be resolved.
+    nfsstat3 ResolveEntry(CRuntimeParam* rp, LogArgu* argu, const char* dir, const char* name, char* out);
+    // The same, with the root of dir's export given.
+    nfsstat3 ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::string& root, const char* dir,
+                            const char* name, char* out);
+    // NFS3_OK when path lies in an export that the caller has mounted; the
+    // export then becomes the call's ID and IPC ID. NFS3ERR_ACCES for an
+    // export mounted by nobody or by another address, NFS3ERR_IO outside
+    // every export.
     nfsstat3 CheckProcessParam(ProcessParam* param, LogArgu* argu, const char* path);
     // NFS3ERR_STALE for a null path; with mustExist, NFS3ERR_IO for a missing one.
     nfsstat3 CheckPath(const char* path, bool mustExist);
@@ -307,16 +330,19 @@ protected:
         CRuntimeParam* rp;  // param's runtime parameters; may be null
         LogArgu argu;
         nfsstat3 stat = NFS3_OK;
+        // The first refusal met while reading the arguments (a stale handle,
+        // a bad name); it wins over the checks.
+        nfsstat3 argStat = NFS3_OK;
         char path[PATH_BUFFER_SIZE] = "";
     };
 
     // Common steps of the handlers.
     // Reads the object handle into c.path.
-    bool ReadObject(NfsCall& c) { return ReadPath(c.param, &c.argu, c.in, c.path); }
+    bool ReadObject(NfsCall& c) { return ReadPath(c.param, &c.argu, c.in, c.path, &c.argStat); }
     // Reads a handle as a skipped name: c.path stays empty, so the mount
     // check that follows refuses it.
     void SkipObject(NfsCall& c);
-    // Mount check of c.path.
+    // c.argStat if the arguments were refused, else the mount check of c.path.
     nfsstat3 CheckMount(NfsCall& c);
     // Mount check of c.path, then (when it passes) the existence check.
     nfsstat3 CheckObject(NfsCall& c, bool mustExist);
@@ -328,13 +354,13 @@ protected:
     nfsstat3 ApplyAttributes(NfsCall& c, const sattr3& attr);
     // Reads directory arguments of a procedure that changes the name space:
     // the entry's full path into c.path. A name that is not one entry of the
-    // folder (empty, ".", "..", or holding "/") leaves c.path empty, so that
-    // the checks refuse it: no such name may reach the folder itself, its
-    // parent, or a place outside the export.
+    // folder ("." or "..") leaves c.path empty, so that the checks refuse it:
+    // no such name may reach the folder itself or its parent.
     bool ReadEntry(NfsCall& c, diropargs3& args) { return ReadEntry(c, args, c.path); }
     bool ReadEntry(NfsCall& c, diropargs3& args, char* path);
     static bool IsEntryName(const char* name);
-    // Reads directory arguments as skipped names: c.path stays empty.
+    // Reads directory arguments as skipped names: c.path stays empty; a name
+    // too long still sets c.argStat.
     void SkipEntry(NfsCall& c);
     // stat, or NFS3ERR_ACCES whatever it was when the server is read-only.
     nfsstat3 RefuseIfReadOnly(nfsstat3 stat) const { return m_bReadOnly ? NFS3ERR_ACCES : stat; }

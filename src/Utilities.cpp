@@ -1,6 +1,7 @@
 #include "Utilities.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
@@ -28,7 +29,7 @@ void CopyText(char* dst, const char* src, size_t size) {
 
 }  // namespace
 
-CUtilities::CUtilities() = default;
+CUtilities::CUtilities() { RenewHandleVerifier(); }
 
 CUtilities::~CUtilities() {
     // The files close their descriptors through the cache: first them.
@@ -161,8 +162,8 @@ long long CUtilities::ReportCall(CRuntimeParam* rp, long long result, int errnum
 
 static const char* const BAD_DESCRIPTOR = "Bad file descriptor";
 
-int CUtilities::OS_FileCreate(CRuntimeParam* rp, LogArgu* la, const char* path, char* err) {
-    int fd = open(path, O_RDWR | O_CREAT, 0666);
+int CUtilities::OS_FileCreate(CRuntimeParam* rp, LogArgu* la, const char* path, char* err, int flags) {
+    int fd = open(path, O_RDWR | O_CREAT | flags, 0666);
     int e = errno;
     ReportCall(rp, fd, e, nullptr, err, "[%s] OS create file \"%s\"", NameOf(la), path);
     errno = e;  // the caller may retry out of descriptors
@@ -479,25 +480,54 @@ bool CUtilities::GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* 
     if (handle == nullptr) return false;
     if (size > 0) memset(handle, 0, (size_t)size);
     // Room for the ID and at least one more byte: exactly 4 is refused.
-    if (size < 5) return false;
-    unsigned int id = GetFileID(param, argu, path);
+    if (size < 5 || path == nullptr) {
+        if (size >= 5) memcpy(handle, &NO_FILE_ID, sizeof NO_FILE_ID);
+        return false;
+    }
+    char canonical[PATH_BUFFER_SIZE];
+    GetCanonicalPath(param, argu, canonical, path);
+    // The ID and the verifier of one table: a reset in between would pair
+    // an old ID with a new verifier.
+    std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    unsigned int id = m_pFileTable ? m_pFileTable->GetIDByPath(canonical) : NO_FILE_ID;
     memcpy(handle, &id, sizeof id);
+    size_t room = (size_t)size - HANDLE_VERIFIER_OFFSET;
+    memcpy(handle + HANDLE_VERIFIER_OFFSET, m_cHandleVerifier,
+           room < HANDLE_VERIFIER_SIZE ? room : HANDLE_VERIFIER_SIZE);
     return id != NO_FILE_ID;
 }
 
-bool CUtilities::GetFilePath(CRuntimeParam*, const unsigned char* handle, char* buffer, int size) {
+bool CUtilities::GetFilePath(CRuntimeParam*, const unsigned char* handle, char* buffer, int size,
+                             size_t handleSize, bool* stale) {
+    if (stale) *stale = false;
     if (handle == nullptr) return false;
+    std::lock_guard<std::mutex> lock(m_hMutexFileTable);
+    if (handleSize < HANDLE_VERIFIER_OFFSET + HANDLE_VERIFIER_SIZE ||
+        memcmp(handle + HANDLE_VERIFIER_OFFSET, m_cHandleVerifier, HANDLE_VERIFIER_SIZE) != 0) {
+        if (stale) *stale = true;
+        return false;
+    }
     unsigned int id;
     memcpy(&id, handle, sizeof id);
-    if (id == NO_FILE_ID) return false;
-    std::lock_guard<std::mutex> lock(m_hMutexFileTable);
-    if (!m_pFileTable) return false;
+    if (id == NO_FILE_ID || !m_pFileTable) return false;
     return m_pFileTable->GetPathByID(id, buffer, size);
 }
 
 void CUtilities::ResetFileTable() {
     std::lock_guard<std::mutex> lock(m_hMutexFileTable);
     if (m_pFileTable) m_pFileTable->Clear();
+    RenewHandleVerifier();
+}
+
+void CUtilities::RenewHandleVerifier() {
+    unsigned char fresh[HANDLE_VERIFIER_SIZE];
+    if (getrandom(fresh, sizeof fresh, 0) != (ssize_t)sizeof fresh) {
+        // No random source: the clock and the previous value still change it.
+        unsigned long long mix = GetCurrentSystemTimeInMilliseconds() * 0x9E3779B97F4A7C15ULL;
+        for (size_t i = 0; i < sizeof fresh; ++i)
+            fresh[i] = (unsigned char)(m_cHandleVerifier[i] + 1 + (mix >> (8 * i)));
+    }
+    memcpy(m_cHandleVerifier, fresh, sizeof fresh);
 }
 
 // -- export table --
@@ -596,6 +626,25 @@ bool CUtilities::UpdateMountClientIpAddrByExportName(const char* exportName, con
     }
     row->second.sRemoteIpAddr = OrEmpty(addr);
     if (out) *out = row->second;
+    return true;
+}
+
+bool CUtilities::ReleaseMountClientIpAddrByExportName(const char* exportName, const char* addr, char* err) {
+    exportName = OrEmpty(exportName);
+    addr = OrEmpty(addr);
+    std::lock_guard<std::mutex> lock(m_hMutexMountInfos);
+    auto row = m_MountInfos.find(exportName);
+    if (row == m_MountInfos.end()) {
+        if (err) snprintf(err, ERROR_TEXT_SIZE, "Undefined export name \"%s\"", exportName);
+        return false;
+    }
+    if (!row->second.sRemoteIpAddr.empty() && row->second.sRemoteIpAddr != addr) {
+        if (err)
+            snprintf(err, ERROR_TEXT_SIZE, "This mount point \"%s\" is mounted by %s, not by %s", exportName,
+                     row->second.sRemoteIpAddr.c_str(), addr);
+        return false;
+    }
+    row->second.sRemoteIpAddr.clear();
     return true;
 }
 
@@ -831,11 +880,12 @@ long long CUtilities::GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pc
 
 bool CUtilities::NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
     pcPath = OrEmpty(pcPath);
-    int fd = OS_FileCreate(rp, la, pcPath, nullptr);
+    // A link in the file's place would have it made wherever the link points.
+    int fd = OS_FileCreate(rp, la, pcPath, nullptr, O_NOFOLLOW);
     if (fd == -1 && errno == EMFILE) {
         // Out of descriptors: cached ones make room, as for an open.
         CloseExceededCachedFileHandle(rp, la);
-        fd = OS_FileCreate(rp, la, pcPath, nullptr);
+        fd = OS_FileCreate(rp, la, pcPath, nullptr, O_NOFOLLOW);
     }
     if (fd == -1) return false;
     OS_FileClose(rp, la, pcPath, fd, nullptr);

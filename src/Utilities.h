@@ -104,7 +104,8 @@ public:
     // Each makes one system call, logs its success (file access) or failure
     // (error) and copies the error text into err when err is not null; err
     // must hold ERROR_TEXT_SIZE bytes.
-    int OS_FileCreate(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
+    // flags are added to the open flags (O_NOFOLLOW: never create through a link).
+    int OS_FileCreate(CRuntimeParam* rp, LogArgu* la, const char* path, char* err, int flags = 0);
     int OS_FileRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
     int OS_FileRename(CRuntimeParam* rp, LogArgu* la, const char* pathOld, const char* pathNew, char* err);
     int OS_FileOpen(CRuntimeParam* rp, LogArgu* la, const char* path, int flags, bool retry, char* err);
@@ -160,12 +161,16 @@ public:
 
     // ---- file table, export and session tables, file operations ------------
     // File IDs and handles. GetFileID canonicalises path first; NO_FILE_ID
-    // when there is no table. GetFileHandle zero-fills size bytes of handle
-    // and stores the ID in bytes 0..3 (size must be at least 5).
-    // GetFilePath reads the ID from bytes 0..3 of handle.
+    // when there is no table. GetFileHandle zero-fills size bytes of handle,
+    // stores the ID in bytes 0..3 (size must be at least 5) and the verifier
+    // in bytes 4..11, as far as they fit. GetFilePath reads the ID from bytes
+    // 0..3 of a handle of handleSize bytes; a handle whose verifier is not
+    // the current one names no file and sets *stale.
     unsigned int GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path);
     bool GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* path, unsigned char* handle, int size);
-    bool GetFilePath(CRuntimeParam* param, const unsigned char* handle, char* buffer, int size);
+    bool GetFilePath(CRuntimeParam* param, const unsigned char* handle, char* buffer, int size,
+                     size_t handleSize = FILE_HANDLE_SIZE, bool* stale = nullptr);
+    // Empties the file table and renews the verifier.
     void ResetFileTable();
 
     // Export table. Error texts are written into err (ERROR_TEXT_SIZE bytes)
@@ -179,6 +184,9 @@ public:
     void RemoveAllMountInfo();
     // addr given: mount (refused while someone holds the export); null: unmount.
     bool UpdateMountClientIpAddrByExportName(const char* exportName, const char* addr, MountInfo* out, char* err);
+    // Unmount asked by addr: refused, changing nothing, when another address
+    // holds the export.
+    bool ReleaseMountClientIpAddrByExportName(const char* exportName, const char* addr, char* err);
     // The first export (in export-name order) that holds path.
     bool GetMountInfoByPath(CRuntimeParam* rp, LogArgu* la, const char* path, MountInfo* out);
     bool IsRemoteAddrExists(const char* addr);
@@ -307,6 +315,11 @@ protected:
     // session table is taken alone.
     std::unique_ptr<CFileTable> m_pFileTable{new CFileTable};
     std::mutex m_hMutexFileTable;
+    // Bytes 4..11 of every handle given out since the table was last emptied
+    // (file-table mutex).
+    unsigned char m_cHandleVerifier[HANDLE_VERIFIER_SIZE] = {};
+    // A new random verifier (file-table mutex held, or in the constructor).
+    void RenewHandleVerifier();
     std::map<std::string, MountInfo> m_MountInfos;  // by export name
     std::mutex m_hMutexMountInfos;
     std::map<std::string, SessionInfo> m_SessionInfos;  // by session ID

@@ -258,7 +258,7 @@ TEST(Exports, RemovingTheLastExportResetsTheFileTable) {
     unsigned int id1 = s.u.GetFileID(&s.quiet, &la, (dir / "two").c_str());
     ASSERT_EQ(1u, id1);
     unsigned char handle[56] = {};
-    memcpy(handle, &id1, 4);
+    memcpy(handle, HandleOfId(s.u, id1).data(), sizeof handle);
     char buf[PATH_BUFFER_SIZE];
 
     s.u.RemoveMountInfoByLocalMountPath(&s.quiet, &la, (dir / "one").c_str());  // one of two

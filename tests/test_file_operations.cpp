@@ -448,7 +448,7 @@ TEST(FileOperations, RenameOntoAnExistingFileRemovesItFirst) {
     EXPECT_EQ(0u, s.u.CachedCount());
     // The handle given out for the old name follows the file.
     unsigned char handle[56] = {};
-    memcpy(handle, &id, 4);
+    memcpy(handle, HandleOfId(s.u, id).data(), sizeof handle);
     char path[PATH_BUFFER_SIZE];
     ASSERT_TRUE(s.u.GetFilePath(&s.quiet, handle, path, sizeof path));
     EXPECT_EQ(base + "/to", path);

@@ -67,7 +67,9 @@ TEST(FileTable, HandlesOfRealFilesCarryTheIdInTheFirstFourBytes) {
     // The 1025th file opens the second bucket: ID 1024, little-endian.
     const unsigned char expected[4] = {0x00, 0x04, 0x00, 0x00};
     EXPECT_EQ(0, memcmp(expected, handle, 4));
-    for (size_t i = 4; i < FILE_HANDLE_SIZE; ++i) EXPECT_EQ(0, handle[i]) << i;
+    // Bytes 4..11 the verifier of this table, the rest zero.
+    EXPECT_EQ(0, memcmp(HandleOfId(u, 0).data() + 4, handle + 4, 8));
+    for (size_t i = 12; i < FILE_HANDLE_SIZE; ++i) EXPECT_EQ(0, handle[i]) << i;
     EXPECT_EQ(base + "/f1024", PathOfHandle(u, handle));
 
     unsigned char first[FILE_HANDLE_SIZE];
@@ -100,9 +102,7 @@ TEST(FileTable, TheSameFileByAnotherSpellingGetsTheSameId) {
     EXPECT_EQ(id, u.GetFileID(nullptr, &la, (dir / "sub/../sub/./file").c_str()));
     EXPECT_EQ(id, u.GetFileID(nullptr, &la, (dir / "link/file").c_str()));
     char buf[PATH_BUFFER_SIZE];
-    unsigned char handle[FILE_HANDLE_SIZE] = {};
-    memcpy(handle, &id, 4);
-    ASSERT_TRUE(u.GetFilePath(nullptr, handle, buf, sizeof buf));
+    ASSERT_TRUE(u.GetFilePath(nullptr, HandleOfId(u, id).data(), buf, sizeof buf));
     EXPECT_EQ(Canonical(dir.Path()) + "/sub/file", buf);
 }
 
@@ -111,9 +111,7 @@ TEST(FileTable, MissingPathsAreKeptAsGiven) {
     CUtilities u;
     std::string missing = dir / "no/such/file";
     unsigned int id = u.GetFileID(nullptr, &la, missing.c_str());
-    unsigned char handle[FILE_HANDLE_SIZE] = {};
-    memcpy(handle, &id, 4);
-    EXPECT_EQ(missing, PathOfHandle(u, handle));
+    EXPECT_EQ(missing, PathOfHandle(u, HandleOfId(u, id).data()));
 }
 
 TEST(FileTable, UpdateItemPathMovesTheRowAndKeepsItsId) {
@@ -163,12 +161,15 @@ TEST(FileTable, GetFileHandleRefusesSizeFourAndLeavesItZero) {
     EXPECT_EQ(0xAA, handle[4]);  // nothing beyond the given size
     EXPECT_FALSE(u.GetFileHandle(nullptr, &la, (dir / "f").c_str(), nullptr, 56));
     EXPECT_TRUE(u.GetFileHandle(nullptr, &la, (dir / "f").c_str(), handle, 5));
-    EXPECT_EQ(0, handle[4]);
-    // MOUNT asks for 88 bytes: all of them are zeroed.
+    const std::vector<unsigned char> whole = HandleOfId(u, 0);
+    EXPECT_EQ(whole[4], handle[4]);  // as much of the verifier as fits
+    EXPECT_EQ(0xAA, handle[5]);
+    // MOUNT asks for 88 bytes: all of them are written, zero behind the verifier.
     unsigned char mnt[88];
     memset(mnt, 0xAA, sizeof mnt);
     EXPECT_TRUE(u.GetFileHandle(nullptr, &la, (dir / "f").c_str(), mnt, sizeof mnt));
-    for (size_t i = 4; i < sizeof mnt; ++i) EXPECT_EQ(0, mnt[i]) << i;
+    EXPECT_EQ(0, memcmp(whole.data(), mnt, FILE_HANDLE_SIZE));
+    for (size_t i = 12; i < sizeof mnt; ++i) EXPECT_EQ(0, mnt[i]) << i;
 }
 
 TEST(FileTable, NullPathGivesAHandleWithNoId) {
@@ -181,7 +182,7 @@ TEST(FileTable, NullPathGivesAHandleWithNoId) {
     EXPECT_EQ("<none>", PathOfHandle(u, handle));
 }
 
-TEST(FileTable, AllZeroHandleNamesTheFirstPath) {
+TEST(FileTable, AllZeroHandleIsStaleAndIdZeroWithTheVerifierNamesTheFirstPath) {
     TempDir dir;
     CUtilities u;
     WriteWholeFile(dir / "first", "1");
@@ -189,7 +190,16 @@ TEST(FileTable, AllZeroHandleNamesTheFirstPath) {
     u.GetFileID(nullptr, &la, (dir / "first").c_str());
     u.GetFileID(nullptr, &la, (dir / "second").c_str());
     nfs_fh3 zero{};
-    EXPECT_EQ(Canonical(dir / "first"), PathOfHandle(u, zero.cHandle));
+    char buf[PATH_BUFFER_SIZE];
+    bool stale = false;
+    EXPECT_FALSE(u.GetFilePath(nullptr, zero.cHandle, buf, sizeof buf, sizeof zero.cHandle, &stale));
+    EXPECT_TRUE(stale);
+    EXPECT_EQ(Canonical(dir / "first"), PathOfHandle(u, HandleOfId(u, 0).data()));
+    // A handle too short to hold the verifier is stale as well.
+    EXPECT_FALSE(u.GetFilePath(nullptr, HandleOfId(u, 0).data(), buf, sizeof buf, 11, &stale));
+    EXPECT_TRUE(stale);
+    EXPECT_TRUE(u.GetFilePath(nullptr, HandleOfId(u, 0).data(), buf, sizeof buf, 12, &stale));
+    EXPECT_FALSE(stale);
 }
 
 TEST(FileTable, HandlesBeyondTheTableOrUnfittingFail) {
@@ -198,12 +208,9 @@ TEST(FileTable, HandlesBeyondTheTableOrUnfittingFail) {
     EXPECT_EQ("<none>", PathOfHandle(u, handle));  // empty table
     EXPECT_FALSE(u.GetFilePath(nullptr, nullptr, nullptr, 0));
     unsigned int id = u.GetFileID(nullptr, &la, "/no/such/path");
-    memcpy(handle, &id, 4);
     char small[4];
-    EXPECT_FALSE(u.GetFilePath(nullptr, handle, small, sizeof small));
-    unsigned int beyond = id + 1;
-    memcpy(handle, &beyond, 4);
-    EXPECT_EQ("<none>", PathOfHandle(u, handle));
+    EXPECT_FALSE(u.GetFilePath(nullptr, HandleOfId(u, id).data(), small, sizeof small));
+    EXPECT_EQ("<none>", PathOfHandle(u, HandleOfId(u, id + 1).data()));
 }
 
 TEST(FileTable, RecentListTakesAPathOnItsSecondLookup) {
@@ -254,7 +261,7 @@ TEST(FileTable, ClearRestartsIdsAtZero) {
     EXPECT_EQ("<none>", PathOf(table, 1));
 }
 
-TEST(FileTable, AfterResetOldHandlesNameWhateverHoldsTheirId) {
+TEST(FileTable, AfterResetOldHandlesAreStaleEvenWhenTheirIdIsGivenOutAgain) {
     TempDir dir;
     CUtilities u;
     for (const char* n : {"a", "b", "c"}) WriteWholeFile(dir / n, n);
@@ -265,7 +272,9 @@ TEST(FileTable, AfterResetOldHandlesNameWhateverHoldsTheirId) {
     u.ResetFileTable();
     EXPECT_EQ("<none>", PathOfHandle(u, handleA));
     EXPECT_EQ(0u, u.GetFileID(nullptr, &la, (dir / "b").c_str()));
-    EXPECT_EQ(Canonical(dir / "b"), PathOfHandle(u, handleA));  // ID 0 is now b
+    EXPECT_EQ("<none>", PathOfHandle(u, handleA));  // ID 0 is now b, under a new verifier
+    EXPECT_EQ(Canonical(dir / "b"), PathOfHandle(u, HandleOfId(u, 0).data()));
+    EXPECT_NE(0, memcmp(handleA + 4, HandleOfId(u, 0).data() + 4, 8));
     EXPECT_EQ("<none>", PathOfHandle(u, handleC));
 }
 
@@ -274,10 +283,8 @@ TEST(FileTable, OverlongPathsStayInsideTheirBuffers) {
     std::string longPath = "/" + std::string(6000, 'x');
     unsigned int id = u.GetFileID(nullptr, &la, longPath.c_str());
     ASSERT_NE(NO_FILE_ID, id);
-    unsigned char handle[FILE_HANDLE_SIZE] = {};
-    memcpy(handle, &id, 4);
     char buf[PATH_BUFFER_SIZE];
-    ASSERT_TRUE(u.GetFilePath(nullptr, handle, buf, sizeof buf));
+    ASSERT_TRUE(u.GetFilePath(nullptr, HandleOfId(u, id).data(), buf, sizeof buf));
     EXPECT_EQ(PATH_BUFFER_SIZE - 1, strlen(buf));  // cut to the path buffer
 }
 

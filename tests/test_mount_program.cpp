@@ -65,11 +65,11 @@ protected:
     }
 
     // The root handle of the export as the file service hands it out: the
-    // file ID in the host's byte order, then zeros.
+    // file ID in the host's byte order, the verifier, then zeros.
     Bytes RootHandle(size_t size) {
         unsigned int id = harness.Utilities().GetFileID(&harness.Runtime(), nullptr, exported.Path().c_str());
-        Bytes handle(size, 0);
-        memcpy(handle.data(), &id, sizeof id);
+        Bytes handle = HandleOfId(harness.Utilities(), id);
+        handle.resize(size);
         return handle;
     }
 

@@ -44,7 +44,7 @@ Bytes SetSize(uint64_t size) {
     return e.GetBytes();
 }
 
-// A handle whose ID was never given out.
+// A handle of no file table of this server (its verifier is zero): stale.
 Bytes UnknownHandle() {
     Bytes h(56, 0);
     uint32_t id = 0x7FFFFF00;
@@ -65,6 +65,9 @@ protected:
         WriteWholeFile(path, data);
         return path;
     }
+
+    // A handle with this server's verifier whose ID was never given out.
+    Bytes UnknownId() { return HandleOfId(server.Utilities(), 0x7FFFFF00); }
 
     // Returns the id of the first line whose text is text.
     std::string IdOf(const std::string& text) {
@@ -166,23 +169,30 @@ TEST_F(Nfs3Attributes, GetattrGivesDeviceNumbersInTheOldEightBitForm) {
     }
 }
 
-TEST_F(Nfs3Attributes, GetattrWithAHandleFromBeforeTheLastExportRemovalAnswersIo) {
+TEST_F(Nfs3Attributes, GetattrWithAHandleFromBeforeTheLastExportRemovalIsStaleEvenWhenItsIdIsGivenOutAgain) {
     std::string file = File("f");
     Bytes old = server.Handle(file);
     server.Utilities().RemoveMountInfoByExportName(Nfs3TestServer::EXPORT_NAME);
-    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(old)));
+    EXPECT_EQ(Words({70}), server.Results(PROC_GETATTR, HandleArgs(old)));
 
-    // Exported again, the file table starts over: the old ID goes to
-    // whatever file is handed out first, and the old handle reaches it.
+    // Exported and mounted again, the file table starts over under a new
+    // verifier: the old ID goes to whatever file is handed out first, but
+    // the old handle never reaches it.
     char err[ERROR_TEXT_SIZE] = "";
     LogArgu la{"test"};
     ASSERT_TRUE(server.Utilities().AddMountInfo(&server.Runtime(), &la, server.Root().c_str(),
                                                 Nfs3TestServer::EXPORT_NAME, "", err))
         << err;
-    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(old)));
+    ASSERT_TRUE(server.Utilities().UpdateMountClientIpAddrByExportName(Nfs3TestServer::EXPORT_NAME,
+                                                                       Nfs3TestServer::CLIENT_ADDRESS, nullptr, err));
+    EXPECT_EQ(Words({70}), server.Results(PROC_GETATTR, HandleArgs(old)));
     std::string other = File("other", "12345");
-    ASSERT_EQ(HandleID(old), HandleID(server.Handle(other)));
-    EXPECT_EQ(Join({Words({0}), Encode(ExpectedFattr3(other))}), server.Results(PROC_GETATTR, HandleArgs(old)));
+    Bytes reissued = server.Handle(other);
+    ASSERT_EQ(HandleID(old), HandleID(reissued));
+    EXPECT_EQ(Words({70}), server.Results(PROC_GETATTR, HandleArgs(old)));
+    EXPECT_EQ(Join({Words({0}), Encode(ExpectedFattr3(other))}),
+              server.Results(PROC_GETATTR, HandleArgs(reissued)));
+    EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureGETATTR] Stale file handle"));
 }
 
 TEST_F(Nfs3Attributes, GetattrRefusesPathsOutsideTheExportAndMissingFiles) {
@@ -194,8 +204,9 @@ TEST_F(Nfs3Attributes, GetattrRefusesPathsOutsideTheExportAndMissingFiles) {
     Bytes handle = server.Handle(file);
     ASSERT_EQ(0, unlink(file.c_str()));
     EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(handle)));
-    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(UnknownHandle())));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(UnknownId())));
     EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureGETATTR] End stat=5"));
+    EXPECT_EQ(Words({70}), server.Results(PROC_GETATTR, HandleArgs(UnknownHandle())));
 }
 
 TEST_F(Nfs3Attributes, GetattrLogsItsStepsUnderItsOwnNameAndTheExportsId) {
@@ -234,8 +245,8 @@ TEST_F(Nfs3Attributes, LookupOfAnExistingNameAnswersHandleAttributesAndAnAbsentD
     EXPECT_EQ(0u, d.GetUint32());
     Bytes handle = d.GetOpaque();
     ASSERT_EQ(56u, handle.size());
-    EXPECT_EQ(server.Handle(file), handle);  // the same ID, zeros behind it
-    EXPECT_EQ(Bytes(52, 0), Bytes(handle.begin() + 4, handle.end()));
+    EXPECT_EQ(server.Handle(file), handle);  // the same ID and verifier, zeros behind them
+    EXPECT_EQ(Bytes(44, 0), Bytes(handle.begin() + 12, handle.end()));
     Fattr3 a;
     ASSERT_TRUE(GetPostOpAttr(d, &a));
     EXPECT_EQ(Encode(ExpectedFattr3(file)), Encode(a));
@@ -264,7 +275,7 @@ TEST_F(Nfs3Attributes, LookupWithAStaleDirectoryHandleLeavesTheNameUnread) {
     RpcTestClient& client = server.Client(RpcTestClient::TCP);
     RpcReply reply;
     ASSERT_TRUE(client.Call(0x71, PROGRAM, 3, PROC_LOOKUP, DirOpArgs(UnknownHandle(), "abc"), reply));
-    EXPECT_EQ(Words({2, 0}), reply.results);
+    EXPECT_EQ(Words({70, 0}), reply.results);
     // The name's 8 bytes are dropped with the rest of the call's record;
     // the next call starts right behind it.
     ASSERT_TRUE(client.Call(0x72, PROGRAM, 3, PROC_NULL, {}, reply));
@@ -272,7 +283,7 @@ TEST_F(Nfs3Attributes, LookupWithAStaleDirectoryHandleLeavesTheNameUnread) {
     EXPECT_EQ(0, server.Log().CountContaining("name=abc"));
 }
 
-TEST_F(Nfs3Attributes, LookupResolvesDotAndDotDotThroughTheCanonicalPath) {
+TEST_F(Nfs3Attributes, LookupResolvesDotAndDotDotButNeverAboveTheExport) {
     std::string sub = server.PathOf("sub");
     ASSERT_EQ(0, mkdir(sub.c_str(), 0755));
     Bytes root = server.Handle(server.Root());
@@ -286,8 +297,10 @@ TEST_F(Nfs3Attributes, LookupResolvesDotAndDotDotThroughTheCanonicalPath) {
     ASSERT_EQ(0u, up.GetUint32());
     EXPECT_EQ(root, up.GetOpaque());
 
-    // Above the export lies outside every mount.
-    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, "..")));
+    // Above the export lies outside every mount: ".." of the root is the root.
+    XdrDecoder top(server.Results(PROC_LOOKUP, DirOpArgs(root, "..")));
+    ASSERT_EQ(0u, top.GetUint32());
+    EXPECT_EQ(root, top.GetOpaque());
 }
 
 // ---- ACCESS -------------------------------------------------------------------------------
@@ -317,8 +330,9 @@ TEST_F(Nfs3Attributes, AccessOnAReadOnlyServerGrantsReadAndLookupOnly) {
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureACCESS] Readonly: 1, access: 3f"));
 }
 
-TEST_F(Nfs3Attributes, AccessWithAnUnknownHandleAnswersIoWithAnAbsentAttribute) {
-    EXPECT_EQ(Words({5, 0}), server.Results(PROC_ACCESS, Join({HandleArgs(UnknownHandle()), Words({0x3F})})));
+TEST_F(Nfs3Attributes, AccessWithAnUnknownOrStaleHandleAnswersIoOrStaleWithAnAbsentAttribute) {
+    EXPECT_EQ(Words({5, 0}), server.Results(PROC_ACCESS, Join({HandleArgs(UnknownId()), Words({0x3F})})));
+    EXPECT_EQ(Words({70, 0}), server.Results(PROC_ACCESS, Join({HandleArgs(UnknownHandle()), Words({0x3F})})));
 }
 
 // ---- SETATTR ------------------------------------------------------------------------------
@@ -397,8 +411,9 @@ TEST_F(Nfs3Attributes, SetattrThatTheFileServiceRefusesAnswersInval) {
         << server.Log().Dump();
 }
 
-TEST_F(Nfs3Attributes, SetattrWithAnUnknownHandleAnswersIo) {
-    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(UnknownHandle(), SetMode(0600))));
+TEST_F(Nfs3Attributes, SetattrWithAnUnknownHandleAnswersIoAndWithAStaleOneStale) {
+    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(UnknownId(), SetMode(0600))));
+    EXPECT_EQ(Words({70, 0, 0}), server.Results(PROC_SETATTR, SetattrArgs(UnknownHandle(), SetMode(0600))));
     std::string file = File("gone");
     Bytes handle = server.Handle(file);
     ASSERT_EQ(0, unlink(file.c_str()));

@@ -82,24 +82,27 @@ Bytes Prefix(const Bytes& bytes, size_t n) { return Bytes(bytes.begin(), bytes.b
 
 }  // namespace
 
-TEST_F(Nfs3BadInput, HandlesShorterThanAnIdNameNoFileWhateverFollows) {
+TEST_F(Nfs3BadInput, HandlesTooShortForTheVerifierAreStaleWhateverFollows) {
     Bytes file = server.Handle(server.PathOf("f"));
     Bytes root = server.Handle(server.Root());
-    // The word after an empty handle holds a valid ID: it is not taken for one.
-    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, Words({0})));
-    EXPECT_EQ(Words({5, 0}), server.Results(PROC_ACCESS, Join({Words({0}), Bytes(root.begin(), root.begin() + 4)})));
-    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(Prefix(file, 3))));
+    // The words after an empty handle hold a valid ID and verifier: they are
+    // not taken for them.
+    EXPECT_EQ(Words({70}), server.Results(PROC_GETATTR, Words({0})));
+    EXPECT_EQ(Words({70, 0}),
+              server.Results(PROC_ACCESS, Join({Words({0}), Bytes(root.begin(), root.begin() + 12)})));
+    EXPECT_EQ(Words({70}), server.Results(PROC_GETATTR, HandleArgs(Prefix(file, 3))));
+    EXPECT_EQ(Words({70}), server.Results(PROC_GETATTR, HandleArgs(Prefix(file, 11))));
     XdrEncoder lookup;
     lookup.PutOpaque(nullptr, 0).PutString("f");
-    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, lookup.GetBytes()));
+    EXPECT_EQ(Words({70, 0}), server.Results(PROC_LOOKUP, lookup.GetBytes()));
 }
 
-TEST_F(Nfs3BadInput, HandlesOfFourAndSixtyFourBytesAreTakenByTheirFirstFourBytes) {
+TEST_F(Nfs3BadInput, HandlesOfTwelveAndSixtyFourBytesAreTakenByTheirIdAndVerifier) {
     Bytes file = server.Handle(server.PathOf("f"));
     Bytes longer = file;
     longer.insert(longer.end(), 8, 0xAB);  // 64 bytes
     Fattr3 expected = ExpectedFattr3(server.PathOf("f"));
-    for (const Bytes& handle : {Prefix(file, 4), longer}) {
+    for (const Bytes& handle : {Prefix(file, 12), longer}) {
         for (auto transport : {RpcTestClient::TCP, RpcTestClient::UDP}) {
             XdrDecoder d(server.Results(PROC_GETATTR, HandleArgs(handle), transport));
             ASSERT_EQ(0u, d.GetUint32()) << handle.size();
@@ -113,31 +116,23 @@ TEST_F(Nfs3BadInput, HandlesOfFourAndSixtyFourBytesAreTakenByTheirFirstFourBytes
         EXPECT_EQ(0x21u, access.GetUint32());
     }
     Bytes root = server.Handle(server.Root());
-    XdrDecoder d(server.Results(PROC_LOOKUP, DirOpArgs(Prefix(root, 4), "f")));
+    XdrDecoder d(server.Results(PROC_LOOKUP, DirOpArgs(Prefix(root, 12), "f")));
     ASSERT_EQ(0u, d.GetUint32());
     EXPECT_EQ(file, d.GetOpaque());
     ExpectServing();
 }
 
-TEST_F(Nfs3BadInput, LongNamesAreReadInStepAndNeverOverrunAPath) {
+TEST_F(Nfs3BadInput, LongNamesAreReadInStepAndAnswerNameTooLong) {
     Bytes root = server.Handle(server.Root());
-    // 4095 bytes fit a name but not the path they make with the folder.
-    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(4095, 'n'))));
-    EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(4095, 'n')), RpcTestClient::UDP));
-    // 4096 bytes and more are taken as an empty name: the folder itself.
-    for (size_t length : {4096, 70000}) {
-        XdrDecoder d(server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(length, 'n'))));
-        ASSERT_EQ(0u, d.GetUint32()) << length;
-        EXPECT_EQ(root, d.GetOpaque()) << length;
-        Fattr3 attr;
-        ASSERT_TRUE(GetPostOpAttr(d, &attr));
-        EXPECT_EQ(2u, attr.type);
-        EXPECT_FALSE(GetPostOpAttr(d));
-        EXPECT_EQ(0u, d.Remaining());
+    // Over 255 bytes, whatever the length: never the folder itself.
+    for (size_t length : {256, 4095, 4096, 70000}) {
+        EXPECT_EQ(Words({63, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(length, 'n')))) << length;
+        if (length < 60000) {
+            EXPECT_EQ(Words({63, 0}),
+                      server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(length, 'n')), RpcTestClient::UDP))
+                << length;
+        }
     }
-    XdrDecoder udp(server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(4096, 'n')), RpcTestClient::UDP));
-    ASSERT_EQ(0u, udp.GetUint32());
-    EXPECT_EQ(root, udp.GetOpaque());
     // A name of 255 bytes that does not exist.
     EXPECT_EQ(Words({2, 0}), server.Results(PROC_LOOKUP, DirOpArgs(root, std::string(255, 'n'))));
     ExpectServing();

@@ -349,7 +349,7 @@ TEST_F(Nfs3Clients, TsharkDissectsEveryReplyWithoutAMalformedPacket) {
         {nfs3wire::PROC_FSSTAT, nfs3wire::HandleArgs(root), 0},
         {nfs3wire::PROC_FSINFO, nfs3wire::HandleArgs(root), 0},
         {nfs3wire::PROC_PATHCONF, nfs3wire::HandleArgs(root), 5},
-        {nfs3wire::PROC_GETATTR, nfs3wire::HandleArgs(Bytes(56, 0xEE)), 5},
+        {nfs3wire::PROC_GETATTR, nfs3wire::HandleArgs(Bytes(56, 0xEE)), 70},
     };
 
     std::vector<uint8_t> pcap;

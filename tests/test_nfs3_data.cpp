@@ -37,7 +37,7 @@ std::string Pattern(size_t size, unsigned seed = 1) {
 
 std::string AsText(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
-// A handle whose ID was never given out.
+// A handle of no file table of this server (its verifier is zero): stale.
 Bytes UnknownHandle() {
     Bytes h(56, 0);
     uint32_t id = 0x7FFFFF00;
@@ -200,15 +200,16 @@ TEST_F(Nfs3Data, ReadCountLargerThanTheFreeReplySpaceIsInvalAndLeavesNoHeader) {
     EXPECT_EQ(Words({22, 0}), server.Results(PROC_READ, ReadArgs(file, 0, room + 5), RpcTestClient::UDP));
 }
 
-TEST_F(Nfs3Data, ReadOfAStaleHandleOrAMissingFileIsIo) {
+TEST_F(Nfs3Data, ReadOfAMissingFileIsIoAndOfAStaleHandleStale) {
     WriteWholeFile(server.PathOf("gone"), "data");
     Bytes gone = server.Handle(server.PathOf("gone"));
     ASSERT_EQ(0, unlink(server.PathOf("gone").c_str()));
     EXPECT_EQ(Words({5, 0}), server.Results(PROC_READ, ReadArgs(gone, 0, 4)));
-    EXPECT_EQ(Words({5, 0}), server.Results(PROC_READ, ReadArgs(UnknownHandle(), 0, 4)));
-    EXPECT_EQ(Words({5, 0}), server.Results(PROC_READ, ReadArgs(UnknownHandle(), 0, 4), RpcTestClient::UDP));
-    EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureREAD] Path record not found"));
-    EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureREAD] End stat=5"));
+    EXPECT_EQ(Words({70, 0}), server.Results(PROC_READ, ReadArgs(UnknownHandle(), 0, 4)));
+    EXPECT_EQ(Words({70, 0}), server.Results(PROC_READ, ReadArgs(UnknownHandle(), 0, 4), RpcTestClient::UDP));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureREAD] Stale file handle"));
+    EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureREAD] End stat=5"));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureREAD] End stat=70"));
     EXPECT_EQ(0, server.Log().Count("[Nfs3Prog.ProcedureREAD] Read fail"));
 }
 
@@ -299,7 +300,7 @@ TEST_F(Nfs3Data, WriteOnAReadOnlyServerIsAccesWithEmptyWccDataEvenForAStaleHandl
     EXPECT_EQ("0123456789", ReadWholeFile(server.PathOf("f")));
     EXPECT_EQ(4, server.Log().Count("[Nfs3Prog.ProcedureWRITE] Write fail"));
     EXPECT_EQ(4, server.Log().Count("[Nfs3Prog.ProcedureWRITE] End stat=13"));
-    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureWRITE] Path record not found"));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureWRITE] Stale file handle"));
     // Reading is still allowed.
     EXPECT_EQ("012", Read(server.Handle(server.PathOf("f")), 0, 3).data);
 }
@@ -325,7 +326,7 @@ TEST_F(Nfs3Data, WritePastTheMaximumFileSizeIsFbigAndWritesNothing) {
 TEST_F(Nfs3Data, WriteThatTheFileServiceCannotDoIsInval) {
     ASSERT_EQ(0, mkdir(server.PathOf("folder").c_str(), 0755));
     EXPECT_EQ(Words({22, 0, 0}), server.Results(PROC_WRITE, WriteArgs(server.Handle(server.PathOf("folder")), 0, 3, "abc")));
-    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_WRITE, WriteArgs(UnknownHandle(), 0, 3, "abc")));
+    EXPECT_EQ(Words({70, 0, 0}), server.Results(PROC_WRITE, WriteArgs(UnknownHandle(), 0, 3, "abc")));
     EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureWRITE] Write fail"));
 }
 
@@ -434,8 +435,13 @@ TEST(Nfs3DataRestart, TheVerifierChangesWhenTheServerIsStartedAgain) {
         return d.GetUint64();
     };
 
+    // The export as a client's MNT leaves it: mounted by its address.
+    auto mount = [&] {
+        EXPECT_TRUE(main.GetUtils()->UpdateMountClientIpAddrByExportName("export", "127.0.0.1", nullptr, err)) << err;
+    };
     ASSERT_TRUE(main.StartServer(0, 0, 0, 0, false, err)) << err;
     ASSERT_TRUE(main.AddMountPoint(exportDir.Path().c_str(), "export", err)) << err;
+    mount();
     uint64_t first = writeVerifier("one");
     EXPECT_EQ(first, writeVerifier("two"));
     main.StopServer();
@@ -444,6 +450,7 @@ TEST(Nfs3DataRestart, TheVerifierChangesWhenTheServerIsStartedAgain) {
     ASSERT_TRUE(WaitUntil([&] { return CUtilities::GetCurrentSystemTimeInMilliseconds() > stopped; }));
     ASSERT_TRUE(main.StartServer(0, 0, 0, 0, false, err)) << err;
     ASSERT_TRUE(main.AddMountPoint(exportDir.Path().c_str(), "export", err)) << err;
+    mount();
     uint64_t restarted = writeVerifier("three");
     EXPECT_NE(first, restarted);
     EXPECT_GT(restarted, first);

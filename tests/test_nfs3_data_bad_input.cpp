@@ -136,33 +136,33 @@ TEST_F(Nfs3DataBadInput, LengthsNearFourGigabytesAreTruncationNeverAnOverrun) {
     EXPECT_FALSE(PathExists(server.PathOf("g")));
 }
 
-TEST_F(Nfs3DataBadInput, NamesOf4095BytesMakeNoPathAndLongerOnesAreTakenAsEmpty) {
+TEST_F(Nfs3DataBadInput, NamesOver255BytesAnswerNameTooLongInEveryProcedure) {
     std::vector<Case> cases;
-    for (size_t length : {4095, 4096, 70000}) {
+    for (size_t length : {256, 4095, 4096, 70000}) {
         std::string name(length, 'n');
         std::string n = std::to_string(length) + "-byte name: ";
-        // 4095 bytes fit a name but not the path they make with the folder:
-        // no path, so the mount check refuses. Longer names are read as
-        // empty, which names no entry: refused the same way, so the folder
+        // Whatever the length, the name is refused as such: the folder
         // itself is never made, removed or moved.
         cases.push_back({n + "CREATE", PROC_CREATE, Join({DirOpArgs(root, name), Words({0}), NO_ATTRIBUTES}),
-                         Words({5, 0, 0})});
+                         Words({63, 0, 0})});
         cases.push_back({n + "CREATE GUARDED", PROC_CREATE, Join({DirOpArgs(root, name), Words({1}), NO_ATTRIBUTES}),
-                         Words({5, 0, 0})});
+                         Words({63, 0, 0})});
         cases.push_back({n + "CREATE EXCLUSIVE", PROC_CREATE, Join({DirOpArgs(root, name), Words({2}), U64(9)}),
-                         Words({5, 0, 0})});
-        cases.push_back({n + "MKDIR", PROC_MKDIR, Join({DirOpArgs(root, name), NO_ATTRIBUTES}), Words({5, 0, 0})});
-        cases.push_back({n + "REMOVE", PROC_REMOVE, DirOpArgs(root, name), Words({2, 0, 0})});
-        cases.push_back({n + "RMDIR", PROC_RMDIR, DirOpArgs(root, name), Words({2, 0, 0})});
+                         Words({63, 0, 0})});
+        cases.push_back({n + "MKDIR", PROC_MKDIR, Join({DirOpArgs(root, name), NO_ATTRIBUTES}), Words({63, 0, 0})});
+        cases.push_back({n + "REMOVE", PROC_REMOVE, DirOpArgs(root, name), Words({63, 0, 0})});
+        cases.push_back({n + "RMDIR", PROC_RMDIR, DirOpArgs(root, name), Words({63, 0, 0})});
         cases.push_back({n + "RENAME from", PROC_RENAME, Join({DirOpArgs(root, name), DirOpArgs(root, "g")}),
-                         Words({2, 0, 0, 0, 0})});
+                         Words({63, 0, 0, 0, 0})});
         cases.push_back({n + "RENAME to", PROC_RENAME, Join({DirOpArgs(root, "f"), DirOpArgs(root, name)}),
-                         Words({5, 0, 0, 0, 0})});
+                         Words({63, 0, 0, 0, 0})});
         cases.push_back({n + "SYMLINK", PROC_SYMLINK, Join({DirOpArgs(root, name), NO_ATTRIBUTES, Words({0})}),
-                         Words({5, 0, 0})});
+                         Words({63, 0, 0})});
         cases.push_back({n + "MKNOD", PROC_MKNOD, Join({DirOpArgs(root, name), Words({7}), NO_ATTRIBUTES}),
-                         Words({10004, 0, 0})});
-        cases.push_back({n + "LINK", PROC_LINK, Join({HandleArgs(file), DirOpArgs(root, name)}), Words({5, 0, 0, 0})});
+                         Words({63, 0, 0})});
+        cases.push_back({n + "LINK", PROC_LINK, Join({HandleArgs(file), DirOpArgs(root, name)}),
+                         Words({63, 0, 0, 0})});
+        cases.push_back({n + "LOOKUP", PROC_LOOKUP, DirOpArgs(root, name), Words({63, 0})});
     }
     Run(cases);
     EXPECT_TRUE(PathExists(server.PathOf("d")));
@@ -182,15 +182,19 @@ TEST_F(Nfs3DataBadInput, NamesThatAreNoEntryOfTheFolderNeverLeaveIt) {
     std::string outside = server.Root().substr(0, server.Root().rfind('/'));
     std::string escapee = "escapee-" + std::to_string(getpid());
     std::vector<Case> cases;
+    // Names holding "/" are refused as such (NFS3ERR_ACCES); "." and ".."
+    // name the folder and its parent, no entry to make, remove or move to.
     for (const std::string& name : {"../" + escapee, "d/../../" + escapee, std::string("."), std::string("..")}) {
         std::string n = "name \"" + name + "\": ";
+        const bool slash = name.find('/') != std::string::npos;
+        const uint32_t made = slash ? 13 : 5, gone = slash ? 13 : 2;
         cases.push_back({n + "CREATE", PROC_CREATE, Join({DirOpArgs(root, name), Words({0}), NO_ATTRIBUTES}),
-                         Words({5, 0, 0})});
-        cases.push_back({n + "MKDIR", PROC_MKDIR, Join({DirOpArgs(root, name), NO_ATTRIBUTES}), Words({5, 0, 0})});
-        cases.push_back({n + "REMOVE", PROC_REMOVE, DirOpArgs(root, name), Words({2, 0, 0})});
-        cases.push_back({n + "RMDIR", PROC_RMDIR, DirOpArgs(root, name), Words({2, 0, 0})});
+                         Words({made, 0, 0})});
+        cases.push_back({n + "MKDIR", PROC_MKDIR, Join({DirOpArgs(root, name), NO_ATTRIBUTES}), Words({made, 0, 0})});
+        cases.push_back({n + "REMOVE", PROC_REMOVE, DirOpArgs(root, name), Words({gone, 0, 0})});
+        cases.push_back({n + "RMDIR", PROC_RMDIR, DirOpArgs(root, name), Words({gone, 0, 0})});
         cases.push_back({n + "RENAME to", PROC_RENAME, Join({DirOpArgs(root, "f"), DirOpArgs(root, name)}),
-                         Words({5, 0, 0, 0, 0})});
+                         Words({made, 0, 0, 0, 0})});
     }
     Run(cases);
     EXPECT_FALSE(PathExists(outside + "/" + escapee));
@@ -206,25 +210,26 @@ TEST_F(Nfs3DataBadInput, NamesThatAreNoEntryOfTheFolderNeverLeaveIt) {
     EXPECT_EQ("0123456789", ReadWholeFile(server.PathOf("f")));
 }
 
-TEST_F(Nfs3DataBadInput, HandlesOfZeroBytesNameNothingAndOfFourAndSixtyFourAreTakenByTheirFirstFour) {
+TEST_F(Nfs3DataBadInput, HandlesOfZeroBytesAreStaleAndOfTwelveAndSixtyFourAreTakenByTheirIdAndVerifier) {
     Bytes longer = file;
     longer.insert(longer.end(), 8, 0xAB);
     Bytes rootLonger = root;
     rootLonger.insert(rootLonger.end(), 8, 0xCD);
     Run({
-        {"READ, empty handle", PROC_READ, ReadArgs({}, 0, 10), Words({5, 0})},
-        {"WRITE, empty handle", PROC_WRITE, WriteArgs({}, 0, 1, "a"), Words({5, 0, 0})},
+        {"READ, empty handle", PROC_READ, ReadArgs({}, 0, 10), Words({70, 0})},
+        {"WRITE, empty handle", PROC_WRITE, WriteArgs({}, 0, 1, "a"), Words({70, 0, 0})},
         {"COMMIT, empty handle", PROC_COMMIT, ReadArgs({}, 0, 0), Words({5, 0, 0})},
-        {"REMOVE, empty handle", PROC_REMOVE, DirOpArgs({}, "f"), Words({2, 0, 0})},
-        {"RMDIR, empty handle", PROC_RMDIR, DirOpArgs({}, "d"), Words({2, 0, 0})},
+        {"REMOVE, empty handle", PROC_REMOVE, DirOpArgs({}, "f"), Words({70, 0, 0})},
+        {"RMDIR, empty handle", PROC_RMDIR, DirOpArgs({}, "d"), Words({70, 0, 0})},
         // The name is left unread; what follows is read from there on.
-        {"CREATE, empty handle", PROC_CREATE, Join({DirOpArgs({}, "c"), Words({0}), NO_ATTRIBUTES}), Words({5, 0, 0})},
-        {"MKDIR, empty handle", PROC_MKDIR, Join({DirOpArgs({}, "c"), NO_ATTRIBUTES}), Words({5, 0, 0})},
+        {"CREATE, empty handle", PROC_CREATE, Join({DirOpArgs({}, "c"), Words({0}), NO_ATTRIBUTES}),
+         Words({70, 0, 0})},
+        {"MKDIR, empty handle", PROC_MKDIR, Join({DirOpArgs({}, "c"), NO_ATTRIBUTES}), Words({70, 0, 0})},
         {"RENAME, empty from handle", PROC_RENAME, Join({DirOpArgs({}, "f"), DirOpArgs(root, "g")}),
-         Words({2, 0, 0, 0, 0})},
+         Words({70, 0, 0, 0, 0})},
         {"RENAME, empty to handle", PROC_RENAME, Join({DirOpArgs(root, "f"), DirOpArgs({}, "g")}),
-         Words({5, 0, 0, 0, 0})},
-        {"READ, 4-byte handle", PROC_READ, ReadArgs(Prefix(file, 4), 8, 10),
+         Words({70, 0, 0, 0, 0})},
+        {"READ, 12-byte handle", PROC_READ, ReadArgs(Prefix(file, 12), 8, 10),
          Join({Words({0, 0, 2, 1, 2}), Text("89"), Bytes(2, 0)})},
         {"READ, 64-byte handle", PROC_READ, ReadArgs(longer, 0, 3),
          Join({Words({0, 0, 3, 0, 3}), Text("012"), Bytes(1, 0)})},
@@ -237,12 +242,12 @@ TEST_F(Nfs3DataBadInput, HandlesOfZeroBytesNameNothingAndOfFourAndSixtyFourAreTa
 
     // Changes through short and long handles reach the right files.
     RpcReply reply;
-    ASSERT_TRUE(server.Call(PROC_WRITE, WriteArgs(Prefix(file, 4), 10, 2, "ab"), reply));
+    ASSERT_TRUE(server.Call(PROC_WRITE, WriteArgs(Prefix(file, 12), 10, 2, "ab"), reply));
     EXPECT_EQ(0u, XdrDecoder(reply.results).GetUint32());
     ASSERT_TRUE(server.Call(PROC_WRITE, WriteArgs(longer, 12, 2, "cd"), reply));
     EXPECT_EQ(0u, XdrDecoder(reply.results).GetUint32());
     EXPECT_EQ("0123456789abcd", ReadWholeFile(server.PathOf("f")));
-    for (const Bytes& dir : {Prefix(root, 4), rootLonger}) {
+    for (const Bytes& dir : {Prefix(root, 12), rootLonger}) {
         ASSERT_TRUE(server.Call(PROC_CREATE, Join({DirOpArgs(dir, "made"), Words({1}), NO_ATTRIBUTES}), reply));
         EXPECT_EQ(0u, XdrDecoder(reply.results).GetUint32()) << dir.size();
         EXPECT_TRUE(PathExists(server.PathOf("made")));

@@ -157,6 +157,12 @@ TEST_F(Nfs3Front, MountCheckGivesTheCallTheExportsIdentity) {
     ProcessParam param;
     param.pRuntimeParam = &rp;
     LogArgu la{"Nfs3Prog.ProcedureGETATTR"};
+    // Only the address that mounted the export passes.
+    param.sRemoteAddr = "10.0.0.1";
+    EXPECT_EQ(NFS3ERR_ACCES, prog.CheckProcessParam(&param, &la, server.PathOf("a/b").c_str()));
+    EXPECT_STREQ("10.0.0.1", rp.GetID());
+    EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureGETATTR] Export \"export\" is not mounted by 10.0.0.1"));
+    param.sRemoteAddr = Nfs3TestServer::CLIENT_ADDRESS;
     EXPECT_EQ(NFS3_OK, prog.CheckProcessParam(&param, &la, server.PathOf("a/b").c_str()));
     EXPECT_STREQ(Nfs3TestServer::EXPORT_NAME, rp.GetID());
     EXPECT_STREQ(Nfs3TestServer::EXPORT_IPC_ID, rp.GetIpcID());

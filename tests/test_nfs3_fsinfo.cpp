@@ -54,17 +54,17 @@ TEST_F(Nfs3FsInfo, FsinfoOnTheExportRootAnswersTheFixedTransferSizes) {
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureFSINFO] End stat=0"));
 }
 
-TEST_F(Nfs3FsInfo, FsinfoAndFsstatWithAHandleFromBeforeTheExportRemovalAnswerIo) {
+TEST_F(Nfs3FsInfo, FsinfoAndFsstatWithAHandleFromBeforeTheExportRemovalAreStale) {
     std::string file = server.PathOf("f");
     WriteWholeFile(file, "data");
     Bytes root = server.Handle(server.Root());
     Bytes fileHandle = server.Handle(file);
     server.Utilities().RemoveMountInfoByExportName(Nfs3TestServer::EXPORT_NAME);
     for (const Bytes& handle : {root, fileHandle}) {
-        EXPECT_EQ(Words({5, 0}), Results(PROC_FSINFO, HandleArgs(handle)));
-        EXPECT_EQ(Words({5, 0}), Results(PROC_FSSTAT, HandleArgs(handle)));
+        EXPECT_EQ(Words({70, 0}), Results(PROC_FSINFO, HandleArgs(handle)));
+        EXPECT_EQ(Words({70, 0}), Results(PROC_FSSTAT, HandleArgs(handle)));
     }
-    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureFSSTAT] End stat=5"));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureFSSTAT] End stat=70"));
 }
 
 TEST_F(Nfs3FsInfo, FsstatOfAMissingObjectAnswersIo) {

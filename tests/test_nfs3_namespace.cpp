@@ -48,7 +48,7 @@ mode_t ModeOf(const std::string& path) {
     return lstat(path.c_str(), &st) == 0 ? st.st_mode : 0;
 }
 
-// A handle whose ID was never given out.
+// A handle of no file table of this server (its verifier is zero): stale.
 Bytes UnknownHandle() {
     Bytes h(56, 0);
     uint32_t id = 0x7FFFFF00;
@@ -158,10 +158,11 @@ TEST_F(Nfs3Namespace, CreateWithAnUnknownModeOrInAMissingFolderIsIo) {
     Bytes gone = server.Handle(server.PathOf("gone"));
     ASSERT_EQ(0, rmdir(server.PathOf("gone").c_str()));
     EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_CREATE, CreateArgs(gone, "f", 0)));
-    // An unknown directory handle fails the mount check.
-    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_CREATE, CreateArgs(UnknownHandle(), "f", 0)));
+    // A directory handle of no file table of this server is stale.
+    EXPECT_EQ(Words({70, 0, 0}), server.Results(PROC_CREATE, CreateArgs(UnknownHandle(), "f", 0)));
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureCREATE] Path record not found"));
-    EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureCREATE] End stat=5"));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureCREATE] End stat=5"));
+    EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureCREATE] End stat=70"));
 }
 
 TEST_F(Nfs3Namespace, CreateAndMkdirOnAReadOnlyServerAreAccesEvenWithAStaleDirectoryHandle) {
@@ -175,7 +176,7 @@ TEST_F(Nfs3Namespace, CreateAndMkdirOnAReadOnlyServerAreAccesEvenWithAStaleDirec
     }
     EXPECT_FALSE(PathExists(server.PathOf("f")));
     EXPECT_FALSE(PathExists(server.PathOf("d")));
-    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureCREATE] Path record not found"));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureCREATE] Stale file handle"));
 }
 
 // ---- MKDIR --------------------------------------------------------------------------
@@ -197,13 +198,14 @@ TEST_F(Nfs3Namespace, MkdirWithoutAModeCreatesTheFolderWith0755) {
     EXPECT_EQ(S_IFDIR | 0750u, ModeOf(server.PathOf("sticky/inner")));
 }
 
-TEST_F(Nfs3Namespace, MkdirOfAnExistingNameOrInAMissingFolderIsIo) {
+TEST_F(Nfs3Namespace, MkdirOfAnExistingNameIsIoAndOfANameHoldingASlashAcces) {
     ASSERT_EQ(0, mkdir(server.PathOf("d").c_str(), 0755));
     WriteWholeFile(server.PathOf("f"), "");
     EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_MKDIR, Join({DirOpArgs(root, "d"), NoAttributes()})));
     EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_MKDIR, Join({DirOpArgs(root, "f"), NoAttributes()})));
-    EXPECT_EQ(Words({5, 0, 0}), server.Results(PROC_MKDIR, Join({DirOpArgs(root, "none/d"), NoAttributes()})));
-    EXPECT_EQ(3, server.Log().Count("[Nfs3Prog.ProcedureMKDIR] End stat=5"));
+    EXPECT_EQ(Words({13, 0, 0}), server.Results(PROC_MKDIR, Join({DirOpArgs(root, "none/d"), NoAttributes()})));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureMKDIR] End stat=5"));
+    EXPECT_FALSE(PathExists(server.PathOf("none")));
 }
 
 // ---- REMOVE and RMDIR ---------------------------------------------------------------
@@ -226,15 +228,17 @@ TEST_F(Nfs3Namespace, RemoveOfAMissingNameIsNoentOnAReadOnlyServerAsWellAndOfAnE
     server.Program().SetReadOnly(true);
     for (uint32_t proc : {PROC_REMOVE, PROC_RMDIR}) {
         EXPECT_EQ(Words({2, 0, 0}), server.Results(proc, DirOpArgs(root, "missing"))) << proc;
-        EXPECT_EQ(Words({2, 0, 0}), server.Results(proc, DirOpArgs(UnknownHandle(), "f"))) << proc;
+        // Read-only wins over a stale handle.
+        EXPECT_EQ(Words({13, 0, 0}), server.Results(proc, DirOpArgs(UnknownHandle(), "f"))) << proc;
         EXPECT_EQ(Words({13, 0, 0}), server.Results(proc, DirOpArgs(root, "f"))) << proc;
     }
     EXPECT_EQ("data", ReadWholeFile(server.PathOf("f")));
     server.Program().SetReadOnly(false);
-    EXPECT_EQ(Words({2, 0, 0}), server.Results(PROC_REMOVE, DirOpArgs(UnknownHandle(), "f")));
+    EXPECT_EQ(Words({70, 0, 0}), server.Results(PROC_REMOVE, DirOpArgs(UnknownHandle(), "f")));
     EXPECT_EQ(Words({2, 0, 0}), server.Results(PROC_REMOVE, DirOpArgs(root, "missing")));
-    EXPECT_EQ(4, server.Log().Count("[Nfs3Prog.ProcedureREMOVE] End stat=2"));
-    EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureREMOVE] End stat=13"));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureREMOVE] End stat=2"));
+    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureREMOVE] End stat=13"));
+    EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureREMOVE] End stat=70"));
 }
 
 TEST_F(Nfs3Namespace, RmdirRemovesAnEmptyFolderAndANonEmptyOneIsIo) {
@@ -297,15 +301,15 @@ TEST_F(Nfs3Namespace, RenameMovesFoldersAndIntoOtherFoldersAndReplacesATarget) {
 TEST_F(Nfs3Namespace, RenameOfAMissingSourceIsNoentAndOnAReadOnlyServerAcces) {
     WriteWholeFile(server.PathOf("a"), "a");
     EXPECT_EQ(Words({2, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "missing", root, "b")));
-    EXPECT_EQ(Words({2, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(UnknownHandle(), "a", root, "b")));
+    EXPECT_EQ(Words({70, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(UnknownHandle(), "a", root, "b")));
     server.Program().SetReadOnly(true);
     EXPECT_EQ(Words({2, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "missing", root, "b")));
     EXPECT_EQ(Words({13, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "a", root, "b")));
     EXPECT_TRUE(PathExists(server.PathOf("a")));
     EXPECT_FALSE(PathExists(server.PathOf("b")));
-    // A target in a folder that does not exist: the system refuses.
+    // A target name holding "/" is refused.
     server.Program().SetReadOnly(false);
-    EXPECT_EQ(Words({5, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "a", root, "none/b")));
+    EXPECT_EQ(Words({13, 0, 0, 0, 0}), server.Results(PROC_RENAME, RenameArgs(root, "a", root, "none/b")));
     EXPECT_TRUE(PathExists(server.PathOf("a")));
 }
 

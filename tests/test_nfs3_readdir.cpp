@@ -279,7 +279,7 @@ TEST_F(Nfs3Readdir, ReaddirplusSendsTheAttributesAndHandleOfEveryEntry) {
     EXPECT_TRUE(server.Log().Has("[Nfs3Prog.ProcedureREADDIRPLUS] Cookie=1, name=" + l.entries[0].name));
 }
 
-TEST_F(Nfs3Readdir, UnknownOrMissingDirectoryAnswersIoWithAnAbsentAttribute) {
+TEST_F(Nfs3Readdir, MissingDirectoryAnswersIoAndAStaleHandleStaleWithAnAbsentAttribute) {
     std::string dir = Folder("gone", 1);
     Bytes handle = server.Handle(dir);
     ASSERT_EQ(0, unlink((dir + "/file0").c_str()));
@@ -288,10 +288,11 @@ TEST_F(Nfs3Readdir, UnknownOrMissingDirectoryAnswersIoWithAnAbsentAttribute) {
     for (bool plus : {false, true}) {
         uint32_t proc = plus ? PROC_READDIRPLUS : PROC_READDIR;
         EXPECT_EQ(Words({5, 0}), server.Results(proc, Args(handle, 0, plus)));
-        EXPECT_EQ(Words({5, 0}), server.Results(proc, Args(unknown, 0, plus)));
+        EXPECT_EQ(Words({70, 0}), server.Results(proc, Args(unknown, 0, plus)));
     }
-    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureREADDIR] End stat=5"));
-    EXPECT_EQ(2, server.Log().Count("[Nfs3Prog.ProcedureREADDIRPLUS] End stat=5"));
+    EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureREADDIR] End stat=5"));
+    EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureREADDIRPLUS] End stat=5"));
+    EXPECT_EQ(1, server.Log().Count("[Nfs3Prog.ProcedureREADDIRPLUS] End stat=70"));
 }
 
 TEST_F(Nfs3Readdir, FileThatCannotBeOpenedAsADirectoryListsAsEmpty) {

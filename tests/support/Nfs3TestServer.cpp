@@ -151,6 +151,10 @@ bool Nfs3TestServer::Start(std::string* err) {
         if (err) *err = std::string("export: ") + text;
         return false;
     }
+    if (!Utilities().UpdateMountClientIpAddrByExportName(EXPORT_NAME, CLIENT_ADDRESS, nullptr, text)) {
+        if (err) *err = std::string("mount: ") + text;
+        return false;
+    }
     RpcServerHarness::Endpoint* end = m_harness->Listen(nfs3wire::PROGRAM, 0, 0, 10, err);
     if (end == nullptr) return false;
     m_listener = end->tcp.get();

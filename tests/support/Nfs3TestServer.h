@@ -73,13 +73,17 @@ class Nfs3TestServer {
 public:
     static constexpr const char* EXPORT_NAME = "export";
     static constexpr const char* EXPORT_IPC_ID = "export-ipc";
+    // The export is mounted by this address, as a client's MNT would leave
+    // it: the shared clients call from there.
+    static constexpr const char* CLIENT_ADDRESS = "127.0.0.1";
 
     explicit Nfs3TestServer(int logControl = 0x3FF);
     ~Nfs3TestServer();
     Nfs3TestServer(const Nfs3TestServer&) = delete;
     Nfs3TestServer& operator=(const Nfs3TestServer&) = delete;
 
-    // Exports the folder and opens the sockets; false with the reason.
+    // Exports the folder, mounted by CLIENT_ADDRESS, and opens the sockets;
+    // false with the reason.
     bool Start(std::string* err = nullptr);
     // Closes the sockets (joining their threads).
     void Stop();

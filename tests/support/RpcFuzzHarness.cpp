@@ -67,6 +67,15 @@ private:
     }
 };
 
+// A file service whose handles carry the harness's fixed verifier.
+class FuzzUtilities : public CUtilities {
+public:
+    FuzzUtilities() {
+        static_assert(sizeof RpcFuzzHarness::HANDLE_VERIFIER == HANDLE_VERIFIER_SIZE, "verifier size");
+        memcpy(m_cHandleVerifier, RpcFuzzHarness::HANDLE_VERIFIER, HANDLE_VERIFIER_SIZE);
+    }
+};
+
 // Leaves a socket file at path: bound, then closed.
 void MakeSocketFile(const std::string& path) {
     sockaddr_un address{};
@@ -159,11 +168,16 @@ void RpcFuzzHarness::Run(const uint8_t* data, size_t size) {
     DiscardingCallback callback;
     CRuntimeParam runtime("fuzz", LOG_CONTROL);
     LogArgu la{"RpcFuzzHarness.Run"};
-    std::unique_ptr<CUtilities> utilities(new CUtilities);
+    std::unique_ptr<CUtilities> utilities(new FuzzUtilities);
     utilities->SetCallback(&callback);
     char err[ERROR_TEXT_SIZE] = "";
     if (!utilities->AddMountInfo(&runtime, &la, m_export.c_str(), EXPORT_NAME, EXPORT_IPC_ID, err)) {
         fprintf(stderr, "fuzz harness: cannot export %s: %s\n", m_export.c_str(), err);
+        abort();
+    }
+    if (progId == 100003 &&
+        !utilities->UpdateMountClientIpAddrByExportName(EXPORT_NAME, CLIENT_ADDRESS, nullptr, err)) {
+        fprintf(stderr, "fuzz harness: cannot mount %s: %s\n", EXPORT_NAME, err);
         abort();
     }
     // The file IDs of the layout described in the header.

@@ -27,6 +27,10 @@
 //   9 socket (a socket file)
 // plus "link", a symbolic link to file.txt. disk.vmdk is a registered
 // redirected file of 16384 bytes whose first 8192 come from ../source.bin.
+// Handles carry the fixed verifier HANDLE_VERIFIER in bytes 4..11, so that
+// seeds can name these files. For inputs of the NFS program the export is
+// mounted by CLIENT_ADDRESS, as a client leaves it before its NFS calls; for
+// the MOUNT program it is left unmounted.
 
 #include <cstddef>
 #include <cstdint>
@@ -41,6 +45,7 @@ public:
     static constexpr const char* EXPORT_NAME = "export";
     static constexpr const char* EXPORT_IPC_ID = "fuzz-ipc";
     static constexpr const char* CLIENT_ADDRESS = "127.0.0.1";
+    static constexpr uint8_t HANDLE_VERIFIER[8] = {'f', 'u', 'z', 'z', 'v', 'e', 'r', 'f'};
     // Every log category: the formatting of every line is exercised.
     static constexpr int LOG_CONTROL = 0x3FF;
 

@@ -134,12 +134,22 @@ bool ParseRpcReply(const Bytes& message, RpcReply& reply) {
 
 // ---- client ----------------------------------------------------------------
 
-RpcTestClient::RpcTestClient(Transport transport, uint16_t port, const char* host, int receiveTimeoutMs)
+RpcTestClient::RpcTestClient(Transport transport, uint16_t port, const char* host, int receiveTimeoutMs,
+                             const char* localAddress)
     : m_transport(transport) {
     m_fd = socket(AF_INET, transport == TCP ? SOCK_STREAM : SOCK_DGRAM, 0);
     if (m_fd == -1) return;
     timeval tv{receiveTimeoutMs / 1000, (receiveTimeoutMs % 1000) * 1000};
     setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    if (localAddress != nullptr) {
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        inet_pton(AF_INET, localAddress, &local.sin_addr);
+        if (bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof local) == -1) {
+            Close();
+            return;
+        }
+    }
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(port);

@@ -92,11 +92,12 @@ class RpcTestClient {
 public:
     enum Transport { TCP, UDP };
 
-    // Connects (TCP) or addresses (UDP) host:port; IsOpen() tells whether it
-    // worked. Receives give up after receiveTimeoutMs so that a missing reply
-    // fails a test instead of hanging it.
+    // Connects (TCP) or addresses (UDP) host:port, from localAddress when
+    // given (another loopback address: a second host); IsOpen() tells whether
+    // it worked. Receives give up after receiveTimeoutMs so that a missing
+    // reply fails a test instead of hanging it.
     RpcTestClient(Transport transport, uint16_t port, const char* host = "127.0.0.1",
-                  int receiveTimeoutMs = 30000);
+                  int receiveTimeoutMs = 30000, const char* localAddress = nullptr);
     ~RpcTestClient();
     RpcTestClient(const RpcTestClient&) = delete;
     RpcTestClient& operator=(const RpcTestClient&) = delete;

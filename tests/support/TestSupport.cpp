@@ -9,8 +9,11 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <cstring>
 #include <stdexcept>
 #include <thread>
+
+#include "Utilities.h"
 
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
@@ -86,3 +89,19 @@ static const bool sanitizerThreadStarted = [] {
 #endif
 
 int CountThreads() { return CountEntries("/proc/self/task"); }
+
+namespace {
+
+// Reaches the verifier that CUtilities keeps to itself.
+struct HandleVerifierAccess : CUtilities {
+    static const unsigned char* Of(const CUtilities& u) { return u.*(&HandleVerifierAccess::m_cHandleVerifier); }
+};
+
+}  // namespace
+
+std::vector<unsigned char> HandleOfId(const CUtilities& u, unsigned int id) {
+    std::vector<unsigned char> handle(FILE_HANDLE_SIZE, 0);
+    memcpy(handle.data(), &id, sizeof id);
+    memcpy(handle.data() + HANDLE_VERIFIER_OFFSET, HandleVerifierAccess::Of(u), HANDLE_VERIFIER_SIZE);
+    return handle;
+}

@@ -30,3 +30,8 @@ std::vector<std::string> SplitLines(const std::string& text);
 // Number of open descriptors and threads of this process.
 int CountOpenDescriptors();
 int CountThreads();
+
+class CUtilities;
+// The 56-byte handle of file ID id as u gives handles out: the ID in bytes
+// 0..3, u's verifier in bytes 4..11, zeros behind.
+std::vector<unsigned char> HandleOfId(const CUtilities& u, unsigned int id);
