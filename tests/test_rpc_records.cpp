@@ -156,7 +156,9 @@ TEST_F(RecordTest, PipelinedWritesCutAtEveryByteAreAllAppliedUnderTheirOwnXids) 
             if (testing::Test::HasFatalFailure()) return;
         }
         const bool cutInsideACall = answered == 0 || ends[answered - 1] != cut;
-        if (cutInsideACall) ASSERT_TRUE(WaitForServerToStop()) << "cut " << cut << "\n" << server.Log().Dump();
+        if (cutInsideACall) {
+            ASSERT_TRUE(WaitForServerToStop()) << "cut " << cut << "\n" << server.Log().Dump();
+        }
         ASSERT_TRUE(client->SendRaw(stream.data() + cut, total - cut));
         while (answered < 3) {
             expectNext();
