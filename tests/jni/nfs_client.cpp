@@ -6,10 +6,11 @@
 //   jni_nfs_client EXPORT utimes PATH ATIME MTIME
 //   jni_nfs_client EXPORT unlink PATH
 //   jni_nfs_client EXPORT rename FROM TO
-// Ports come from the portmapper on 111. The write goes out as one raw
+// The server listens on the default ports, 2049 (NFS) and 1058 (MOUNT). The write goes out as one raw
 // WRITE call, so that the count printed is the server's reply as it came
-// (libnfs's file API would retry a short count). Exit 2 when the export
-// could not be reached.
+// (libnfs's file API would retry a short count). Every command unmounts at
+// the end: the server lets one client at a time mount an export. Exit 2
+// when the export could not be reached.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -29,6 +30,9 @@
 #include "LibnfsMount.h"
 
 namespace {
+
+const int NFS_PORT = 2049;
+const int MOUNT_PORT = 1058;
 
 struct Exchange {
     bool done = false;
@@ -94,9 +98,9 @@ struct RpcContext {
     ~RpcContext() {
         if (rpc) rpc_destroy_context(rpc);
     }
-    bool Connect(int program, int version) {
+    bool Connect(int port, int program, int version) {
         Exchange ex;
-        return rpc && rpc_connect_program_async(rpc, "127.0.0.1", program, version, OnDone, &ex) == 0 &&
+        return rpc && rpc_connect_port_async(rpc, "127.0.0.1", port, program, version, OnDone, &ex) == 0 &&
                Wait(rpc, ex);
     }
 };
@@ -106,17 +110,22 @@ int Fail(const char* what, const char* why) {
     return 2;
 }
 
+void Unmount(struct rpc_context* rpc, std::string& exportName) {
+    Exchange umnt;
+    if (rpc_mount3_umnt_async(rpc, OnDone, &exportName[0], &umnt) == 0) Wait(rpc, umnt);
+}
+
 // MNT, one LOOKUP per path component, then one WRITE of len bytes.
 int RawWrite(const char* exportName, const char* path, unsigned long long offset, unsigned len) {
     RpcContext mount;
-    if (!mount.Connect(MOUNT_PROGRAM, MOUNT_V3)) return Fail("connect mount", rpc_get_error(mount.rpc));
+    if (!mount.Connect(MOUNT_PORT, MOUNT_PROGRAM, MOUNT_V3)) return Fail("connect mount", rpc_get_error(mount.rpc));
     Exchange mnt;
     std::string name = exportName;
     if (rpc_mount3_mnt_async(mount.rpc, OnMount, &name[0], &mnt) != 0 || !Wait(mount.rpc, mnt) || mnt.handle.empty())
         return Fail("mnt", rpc_get_error(mount.rpc));
 
     RpcContext nfs;
-    if (!nfs.Connect(NFS_PROGRAM, NFS_V3)) return Fail("connect nfs", rpc_get_error(nfs.rpc));
+    if (!nfs.Connect(NFS_PORT, NFS_PROGRAM, NFS_V3)) return Fail("connect nfs", rpc_get_error(nfs.rpc));
     std::vector<char> fh = mnt.handle;
     std::string rest = path;
     size_t at = 0;
@@ -131,8 +140,10 @@ int RawWrite(const char* exportName, const char* path, unsigned long long offset
         args.what.name = &part[0];
         Exchange lookup;
         if (rpc_nfs3_lookup_async(nfs.rpc, OnLookup, &args, &lookup) != 0 || !Wait(nfs.rpc, lookup) ||
-            lookup.handle.empty())
+            lookup.handle.empty()) {
+            Unmount(mount.rpc, name);
             return Fail("lookup", part.c_str());
+        }
         fh = lookup.handle;
     }
     std::vector<char> data(len, 'w');
@@ -145,8 +156,9 @@ int RawWrite(const char* exportName, const char* path, unsigned long long offset
     args.data.data_len = len;
     args.data.data_val = data.data();
     Exchange write;
-    if (rpc_nfs3_write_async(nfs.rpc, OnWrite, &args, &write) != 0 || !Wait(nfs.rpc, write))
-        return Fail("write", rpc_get_error(nfs.rpc));
+    bool sent = rpc_nfs3_write_async(nfs.rpc, OnWrite, &args, &write) == 0 && Wait(nfs.rpc, write);
+    Unmount(mount.rpc, name);
+    if (!sent) return Fail("write", rpc_get_error(nfs.rpc));
     printf("status=%d count=%u\n", write.nfsStatus, write.count);
     return 0;
 }
@@ -178,19 +190,8 @@ int ReadWhole(struct nfs_context* nfs, const char* path, const char* outPath) {
     return rc;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc < 4) return Fail("usage", "EXPORT COMMAND ARGS...");
-    const char* exportName = argv[1];
+int Run(struct nfs_context* nfs, int argc, char** argv) {
     std::string command = argv[2];
-    if (command == "write" && argc == 6)
-        return RawWrite(exportName, argv[3], strtoull(argv[4], nullptr, 10), strtoul(argv[5], nullptr, 10));
-
-    LibnfsMount client;
-    std::string why;
-    if (!client.Mount("auto-traverse-mounts=0", exportName, &why)) return Fail("mount", why.c_str());
-    struct nfs_context* nfs = client.Get();
     int result;
     if (command == "read" && argc == 5) return ReadWhole(nfs, argv[3], argv[4]);
     if (command == "truncate" && argc == 5) {
@@ -201,10 +202,30 @@ int main(int argc, char** argv) {
     } else if (command == "unlink" && argc == 4) {
         result = nfs_unlink(nfs, argv[3]);
     } else if (command == "rename" && argc == 5) {
+        // Looked up first, as a client renames what it has seen.
+        struct nfs_stat_64 st;
+        nfs_stat64(nfs, argv[3], &st);
         result = nfs_rename(nfs, argv[3], argv[4]);
     } else {
         return Fail("usage", command.c_str());
     }
     printf("result=%d\n", result);
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 4) return Fail("usage", "EXPORT COMMAND ARGS...");
+    const char* exportName = argv[1];
+    if (std::string(argv[2]) == "write" && argc == 6)
+        return RawWrite(exportName, argv[3], strtoull(argv[4], nullptr, 10), strtoul(argv[5], nullptr, 10));
+
+    LibnfsMount client;
+    std::string why;
+    if (!client.Mount("nfsport=2049&mountport=1058&auto-traverse-mounts=0", exportName, &why))
+        return Fail("mount", why.c_str());
+    int rc = Run(client.Get(), argc, argv);
+    nfs_umount(client.Get());
+    return rc;
 }

@@ -12,6 +12,7 @@ public final class BasicsTest {
     private static final String ID = "jni-basics";
 
     public static void main(String[] args) throws Exception {
+        TestKit.begin();
         RecordingNative n = new RecordingNative();
         zeroHandle(n);
         long h = n.initial(ID, 5, 3);

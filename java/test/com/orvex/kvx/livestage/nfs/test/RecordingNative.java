@@ -106,6 +106,7 @@ class RecordingNative extends NfsLibNative {
         interrupted = false;
         int before = isInterruptedCalls;
         Thread t = new Thread(() -> receiveCallbackLoop(handle, -1), "callback-loop");
+        t.setDaemon(true);
         t.start();
         // Installed once the loop asked for the first time.
         for (int i = 0; i < 500 && isInterruptedCalls == before; i++) Thread.sleep(10);

@@ -18,6 +18,16 @@ final class TestKit {
 
     private TestKit() {}
 
+    /** A test that dies of an exception in any thread fails at once. */
+    static void begin() {
+        Thread.setDefaultUncaughtExceptionHandler((t, e) -> {
+            e.printStackTrace();
+            System.out.println("FAIL - uncaught " + e + " in " + t.getName());
+            System.out.flush();
+            Runtime.getRuntime().halt(1);
+        });
+    }
+
     static void check(boolean condition, String what) {
         if (condition) {
             passed++;
