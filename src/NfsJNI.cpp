@@ -6,6 +6,8 @@
 #include <thread>
 
 #include "Callback.h"
+#include "NfsIpcClientMain.h"
+#include "NfsIpcServerMain.h"
 #include "NfsMain.h"
 #include "Utilities.h"
 
@@ -74,11 +76,11 @@ void ThrowIOException(JNIEnv* env, jobject obj, const char* text) {
     callback.ThrowIOException(text);
 }
 
-CNfsMain* CreateController(int accessMode, const char* id, int logControl, char* err) {
-    if (accessMode == 1 || accessMode == 2) {
-        snprintf(err, ERROR_TEXT_SIZE, "Access mode %d is not available in this build", accessMode);
-        return nullptr;
-    }
+// 1: this process is the external server; 2: a client of one; any other
+// value: the server inside this process.
+CNfsMain* CreateController(int accessMode, const char* id, int logControl) {
+    if (accessMode == 1) return new CNfsIpcServerMain(id, logControl);
+    if (accessMode == 2) return new CNfsIpcClientMain(id, logControl);
     return new CNfsMain(id, logControl);
 }
 
@@ -93,9 +95,9 @@ JNIEXPORT jlong NATIVE(initial)(JNIEnv* env, jobject obj, jstring jLogID, jint j
     CNfsMain* controller;
     {
         JString id(env, jLogID);
-        controller = CreateController(jAccessMode, id, jLogControl, err);
+        controller = CreateController(jAccessMode, id, jLogControl);
     }
-    if (controller && controller->Initial(err)) return static_cast<jlong>(reinterpret_cast<intptr_t>(controller));
+    if (controller->Initial(err)) return static_cast<jlong>(reinterpret_cast<intptr_t>(controller));
     delete controller;
     ThrowIOException(env, obj, err);
     return 0;

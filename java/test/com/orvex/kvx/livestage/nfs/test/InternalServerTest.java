@@ -129,10 +129,7 @@ public final class InternalServerTest {
         check(!Files.exists(moved), "the accepted remove removed the local file");
 
         // Log lines of the server's own threads reached Java through the loop's callback.
-        boolean serverThread = false;
-        List<String> threads = n.logThreads();
-        for (String t : threads) serverThread |= !t.equals("main") && !t.equals("callback-loop");
-        check(serverThread, "log lines from the server's threads reach logInfo (" + threads.size() + " lines)");
+        check(n.hasLogFromLibraryThread("127.0.0.1"), "log lines from the server's threads reach logInfo");
         check(n.hasLog("info", "127.0.0.1", "READ") || n.hasLog("info", "127.0.0.1", "Read"),
               "a procedure-name line of a READ reached Java with the caller's address as ID");
 

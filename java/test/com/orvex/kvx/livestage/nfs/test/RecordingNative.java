@@ -96,6 +96,16 @@ class RecordingNative extends NfsLibNative {
         return false;
     }
 
+    /** True when a line with this ID came on a thread that Java did not start (one the library attached). */
+    synchronized boolean hasLogFromLibraryThread(String id) {
+        for (int i = 0; i < logs.size(); i++) {
+            String thread = logThreads.get(i);
+            if (logs.get(i).split("\\|", 3)[1].equals(id) && !thread.equals("main") && !thread.equals("callback-loop"))
+                return true;
+        }
+        return false;
+    }
+
     synchronized void clearLogs() {
         logs.clear();
         logThreads.clear();

@@ -87,6 +87,22 @@ final class TestKit {
             }
             return null;
         }
+
+        /** The quoted text of key="..." that ends its line, or null. */
+        String text(String key) {
+            java.util.regex.Matcher m =
+                java.util.regex.Pattern.compile("(?m)\\b" + key + "=\"(.*)\"$").matcher(output);
+            return m.find() ? m.group(1) : null;
+        }
+    }
+
+    /** The IPC client program that drives an external server. */
+    static Result ipcDriver(String id, String... args) throws Exception {
+        List<String> command = new ArrayList<>();
+        command.add(property("nfsengine.ipcdriver"));
+        command.add(id);
+        command.addAll(Arrays.asList(args));
+        return run(command.toArray(new String[0]));
     }
 
     static Result run(String... command) throws Exception {
