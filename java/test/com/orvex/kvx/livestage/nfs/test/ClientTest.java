@@ -33,9 +33,8 @@ public final class ClientTest {
         check(!n.isServerRunning(h), "no server yet: not running");
 
         File hostOut = File.createTempFile("jni-host", ".out");
-        Process host = new ProcessBuilder(TestKit.property("nfsengine.ipchost"), "-md", "svr", "-id", "jni-server-1",
-                                          "-log", "3")
-                           .redirectErrorStream(true)
+        Process host = TestKit.processBuilder(TestKit.property("nfsengine.ipchost"), "-md", "svr", "-id",
+                                              "jni-server-1", "-log", "3")
                            .redirectOutput(hostOut)
                            .start();
         try {

@@ -105,9 +105,19 @@ final class TestKit {
         return run(command.toArray(new String[0]));
     }
 
-    static Result run(String... command) throws Exception {
+    /**
+     * A child process of the test. A sanitizer runtime preloaded into the JVM
+     * is not passed on: the children are sanitized programs with their own.
+     */
+    static ProcessBuilder processBuilder(String... command) {
         ProcessBuilder pb = new ProcessBuilder(command);
+        pb.environment().remove("LD_PRELOAD");
         pb.redirectErrorStream(true);
+        return pb;
+    }
+
+    static Result run(String... command) throws Exception {
+        ProcessBuilder pb = processBuilder(command);
         Process p = pb.start();
         ByteArrayOutputStream out = new ByteArrayOutputStream();
         try (InputStream in = p.getInputStream()) {
