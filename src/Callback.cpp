@@ -3,14 +3,8 @@
 #include <pthread.h>
 
 #include <cstdio>
-#include <string>
 
-namespace {
-
-// Modified UTF-8 as the virtual machine wants it: supplementary characters
-// as two encoded surrogates, and every byte that is no part of a valid
-// sequence (names from the network can hold anything) replaced by '?'.
-std::string ToModifiedUtf8(const char* text) {
+std::string CCallback::ToModifiedUtf8(const char* text) {
     std::string out;
     const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
     while (*p) {
@@ -45,9 +39,11 @@ std::string ToModifiedUtf8(const char* text) {
     return out;
 }
 
+namespace {
+
 jstring MakeString(JNIEnv* env, const char* text) {
     if (!text) return nullptr;
-    jstring s = env->NewStringUTF(ToModifiedUtf8(text).c_str());
+    jstring s = env->NewStringUTF(CCallback::ToModifiedUtf8(text).c_str());
     if (!s) env->ExceptionClear();  // out of memory: the argument stays null
     return s;
 }
@@ -86,7 +82,8 @@ jint CCallback::GetEnv(JNIEnv** env) {
     return m_jVM->GetEnv(reinterpret_cast<void**>(env), JNI_VERSION_1_4);
 }
 
-JNIEnv* CCallback::AttrachThisThread() {
+JNIEnv* CCallback::AttrachThisThread(bool* attached) {
+    *attached = false;
     JNIEnv* env = nullptr;
     jint rc = GetEnv(&env);
     if (rc == JNI_EDETACHED) {
@@ -95,16 +92,19 @@ JNIEnv* CCallback::AttrachThisThread() {
             fflush(stdout);
             return nullptr;
         }
+        *attached = true;
         return env;
     }
     return rc == JNI_OK ? env : nullptr;
 }
 
-// Always: a thread that the library started must not stay attached, and a
-// Java thread is refused by the virtual machine (it has Java frames), which
-// leaves it as it was.
-void CCallback::DetachThisThread() {
-    if (m_jVM) m_jVM->DetachCurrentThread();
+// Only a thread attached for this call: a library thread must not stay
+// attached, while a thread that was attached before (a Java thread in a
+// native call, which the virtual machine would refuse to detach anyway, or a
+// native thread that created the virtual machine) keeps its environment and
+// any exception pending in it.
+void CCallback::DetachThisThread(bool attached) {
+    if (attached && m_jVM) m_jVM->DetachCurrentThread();
 }
 
 bool CCallback::IsInterrupted() {
@@ -126,7 +126,8 @@ bool CCallback::IsInterrupted() {
 }
 
 bool CCallback::FireMessageLog(const char* method, const char* id, const char* text) {
-    JNIEnv* env = AttrachThisThread();
+    bool attached = false;
+    JNIEnv* env = AttrachThisThread(&attached);
     if (!env) return false;
     bool reached = m_jObj != nullptr;
     if (reached) {
@@ -143,7 +144,7 @@ bool CCallback::FireMessageLog(const char* method, const char* id, const char* t
         }
         if (cls) env->DeleteLocalRef(cls);
     }
-    DetachThisThread();
+    DetachThisThread(attached);
     return reached;
 }
 
@@ -153,7 +154,8 @@ bool CCallback::LogRaw(const char* id, const char* text) { return FireMessageLog
 
 int CCallback::CallIntMethod(const char* method, const char* signature, const char* const* strings,
                              int stringCount, const jvalue* tail, int tailCount) {
-    JNIEnv* env = AttrachThisThread();
+    bool attached = false;
+    JNIEnv* env = AttrachThisThread(&attached);
     if (!env) return -1;
     int result = -1;
     if (m_jObj) {
@@ -173,7 +175,7 @@ int CCallback::CallIntMethod(const char* method, const char* signature, const ch
         }
         if (cls) env->DeleteLocalRef(cls);
     }
-    DetachThisThread();
+    DetachThisThread(attached);
     return result;
 }
 
@@ -215,7 +217,8 @@ int CCallback::WriteRedirectedFile(const char* id, const char* path, unsigned lo
 }
 
 void CCallback::ThrowIOException(const char* text) {
-    JNIEnv* env = AttrachThisThread();
+    bool attached = false;
+    JNIEnv* env = AttrachThisThread(&attached);
     if (!env) return;
     jstring msg = MakeString(env, text ? text : "");
     jclass cls = env->FindClass("java/io/IOException");
@@ -231,5 +234,5 @@ void CCallback::ThrowIOException(const char* text) {
     }
     if (cls) env->DeleteLocalRef(cls);
     if (msg) env->DeleteLocalRef(msg);
-    DetachThisThread();
+    DetachThisThread(attached);
 }

@@ -2,6 +2,8 @@
 
 #include <jni.h>
 
+#include <string>
+
 #include "ICallback.h"
 
 // The Java object that drives the engine, seen as the engine's callback:
@@ -34,11 +36,18 @@ public:
     // Leaves a java/io/IOException with text pending in the calling thread.
     void ThrowIOException(const char* text);
 
+    // Text as the virtual machine takes it (modified UTF-8): supplementary
+    // characters as two encoded surrogates, and every byte that is no part
+    // of a valid UTF-8 sequence (names from the network can hold anything)
+    // replaced by '?'.
+    static std::string ToModifiedUtf8(const char* text);
+
 private:
     // The calling thread's environment, or null; a thread that is not
-    // attached yet is attached.
-    JNIEnv* AttrachThisThread();
-    void DetachThisThread();
+    // attached yet is attached, and attached says so.
+    JNIEnv* AttrachThisThread(bool* attached);
+    // Detaches the thread again when AttrachThisThread attached it.
+    void DetachThisThread(bool attached);
     // JNI_OK and env, JNI_EDETACHED, or -1 without a virtual machine.
     jint GetEnv(JNIEnv** env);
     bool FireMessageLog(const char* method, const char* id, const char* text);
