@@ -29,9 +29,19 @@ void PutText(char* errText, const char* text) {
     if (errText) snprintf(errText, ERROR_TEXT_SIZE, "%s", text);
 }
 
-struct FdGuard {
+// Publishes the connection being served for Shutdown and closes it on
+// every way out.
+struct ConnectionGuard {
     int fd;
-    ~FdGuard() {
+    int& published;
+    std::mutex& mutex;
+    ConnectionGuard(int connection, int& slot, std::mutex& m) : fd(connection), published(slot), mutex(m) {
+        std::lock_guard<std::mutex> lock(mutex);
+        published = fd;
+    }
+    ~ConnectionGuard() {
+        std::lock_guard<std::mutex> lock(mutex);
+        published = -1;
         if (fd != -1) close(fd);
     }
 };
@@ -99,6 +109,8 @@ void CIpcServer::Shutdown() {
     m_bOpened = false;
     int fd = m_IpcServerInst.iSocket;
     if (fd != -1) shutdown(fd, SHUT_RDWR);
+    std::lock_guard<std::mutex> lock(m_hMutexConnection);
+    if (m_iConnection != -1) shutdown(m_iConnection, SHUT_RDWR);
 }
 
 void CIpcServer::Close() {
@@ -125,12 +137,15 @@ bool CIpcServer::ReadRequest(char* errText) {
         return true;
     }
     if (state) LogInfo("[%s] Accept ipc request", READ_NAME);
-    FdGuard conn{accept4(listening, nullptr, nullptr, SOCK_CLOEXEC)};
+    const int accepted = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
+    const int acceptError = errno;
+    ConnectionGuard conn(accepted, m_iConnection, m_hMutexConnection);
     if (conn.fd == -1) {
-        if (!m_bOpened) {  // woken by Shutdown or Close
+        if (!m_bOpened || acceptError == EINTR) {  // woken by Shutdown or Close, or a signal
             if (state) LogInfo("[%s] Socket closed", READ_NAME);
             return true;
         }
+        errno = acceptError;
         PutReason(errText, "Fail to accept ipc request. %s");
         return false;
     }

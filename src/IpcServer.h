@@ -3,6 +3,7 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "IpcBasic.h"
 
@@ -29,8 +30,9 @@ public:
     // Shuts the listening socket down (a blocked accept returns), closes it
     // and removes the socket file.
     void Close();
-    // Only wakes a blocked accept; Close completes the work. Used by the
-    // serving thread's owner before it joins the thread.
+    // Only wakes a blocked accept, or a read of a connection being served;
+    // Close completes the work. Used by the serving thread's owner before it
+    // joins the thread.
     void Shutdown();
     bool IsOpened() const { return m_bOpened; }
     bool IsAutoShutdownRequested() const { return m_bAutoShutdownRequested; }
@@ -61,4 +63,8 @@ private:
     IpcServerInst m_IpcServerInst;
     CNfsMain* m_pNfsHandle;
     std::atomic<bool> m_bAutoShutdownRequested{false};
+    // The connection being served, so that Shutdown can end a wait for a
+    // peer that sends nothing; -1 between connections.
+    int m_iConnection = -1;
+    std::mutex m_hMutexConnection;
 };

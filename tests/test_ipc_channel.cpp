@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -151,6 +152,26 @@ TEST_F(IpcChannel, TheServingThreadEndsWhenItsChannelIsClosed) {
     // A thread on a path that cannot be bound is not started.
     EXPECT_FALSE(thread.Open("/tmp/none/nfs-t", &nfs, err));
     EXPECT_FALSE(thread.IsActive());
+}
+
+TEST_F(IpcChannel, APeerThatSendsNothingDoesNotHoldUpClosing) {
+    CNfsMain nfs("srv", CRuntimeParam::LOG_ERROR);
+    CIpcServerThread thread;
+    char err[ERROR_TEXT_SIZE] = "";
+    ASSERT_TRUE(thread.Open("/tmp/nfs-t", &nfs, err)) << err;
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    strncpy(a.sun_path, "/tmp/nfs-t", sizeof a.sun_path - 1);
+    ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a));
+    usleep(100 * 1000);  // the thread is reading from it now
+    timespec start, end;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    thread.Close();
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    EXPECT_LT(end.tv_sec - start.tv_sec, 2);
+    EXPECT_FALSE(thread.IsActive());
+    close(fd);
 }
 
 TEST_F(IpcChannel, ProgressIsLoggedWithTheIpcStateBit) {

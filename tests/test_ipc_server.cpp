@@ -19,6 +19,7 @@
 #include "IpcBasic.h"
 #include "IpcServerThread.h"
 #include "IpcTestSupport.h"
+#include "RpcTestClient.h"
 #include "LogRecorder.h"
 #include "NfsIpcServerMain.h"
 #include "RedirectedFile.h"
@@ -386,7 +387,8 @@ TEST_F(IpcServerRequests, AGrantedShutdownRaisesTheFlagAndLeavesLaterConnections
     nfs_.EnableAutoShutdown(true);
     New<Ipc_Header>(IPC_REQ_REQUEST_AUTO_SHUTDOWN);
     ExpectBool(Send(), true);
-    EXPECT_TRUE(nfs_.IsAutoShutdownRequested());
+    // The serving loop raises the flag once the reply is sent.
+    EXPECT_TRUE(WaitUntil([this] { return nfs_.IsAutoShutdownRequested(); }));
     New<Ipc_Header>(IPC_REQ_GET_VERSION);
     std::string why;
     EXPECT_EQ("", RawExchange(CHANNEL, RecordBytes(data_.request), &why, 500));
