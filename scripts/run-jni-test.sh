@@ -7,8 +7,9 @@
 #                   [--] [JVM OPTIONS] MAIN [ARGS...]
 # --expect and --forbid check the whole output (the engine's own standard
 # output included) for a fixed text.
-# Paths under the host's /tmp stay reachable: they are rewritten to a view
-# of it that is mounted before /tmp is replaced.
+# Files under the host's /tmp (a build there) are copied into the new /tmp
+# through a descriptor of the old one opened before it was replaced (the JVM
+# resolves /proc/PID/fd links, so it cannot use them in place).
 set -euo pipefail
 
 if [ -z "${NFSENGINE_JNI_PRIVATE:-}" ]; then
@@ -16,15 +17,19 @@ if [ -z "${NFSENGINE_JNI_PRIVATE:-}" ]; then
 fi
 
 ip link set lo up
-hostTmp=/mnt/nfsengine-host-tmp
-mount -t tmpfs tmpfs /mnt
-mkdir -p "$hostTmp"
-mount --bind /tmp "$hostTmp"
+exec 9</tmp
+hostTmp=/proc/$$/fd/9
 mount -t tmpfs tmpfs /tmp
 
 mapPath() {
   case "$1" in
-    /tmp/*) printf '%s' "$hostTmp/${1#/tmp/}" ;;
+    /tmp/*)
+      local copy="/tmp/.host/${1#/tmp/}"
+      if [ -f "$hostTmp/${1#/tmp/}" ]; then
+        mkdir -p "$(dirname "$copy")"
+        cp -p "$hostTmp/${1#/tmp/}" "$copy"
+      fi
+      printf '%s' "$copy" ;;
     *) printf '%s' "$1" ;;
   esac
 }
