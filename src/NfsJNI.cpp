@@ -45,16 +45,10 @@ private:
 // (a receiveCallbackLoop in another thread) is used and left in place.
 class CallbackScope {
 public:
-    CallbackScope(JNIEnv* env, jobject obj, CNfsMain* controller) : m_controller(controller) {
-        ICallback* installed = controller->GetCallback();
-        m_active = dynamic_cast<CCallback*>(installed);
-        if (!installed) {
+    CallbackScope(JNIEnv* env, jobject obj, CNfsMain* controller) : m_env(env), m_obj(obj), m_controller(controller) {
+        if (!controller->GetCallback()) {
             m_own = std::make_unique<CCallback>(env, obj);
-            m_active = m_own.get();
             controller->SetCallback(m_own.get());
-        } else if (!m_active) {
-            m_spare = std::make_unique<CCallback>(env, obj);
-            m_active = m_spare.get();
         }
     }
     ~CallbackScope() {
@@ -62,13 +56,21 @@ public:
     }
     CallbackScope(const CallbackScope&) = delete;
     CallbackScope& operator=(const CallbackScope&) = delete;
-    CCallback* Active() { return m_active; }
+
+    // The calling object itself, whichever callback is installed: the loop
+    // asks it whether to stop, and exceptions go to the calling thread.
+    CCallback* Caller() {
+        if (m_own) return m_own.get();
+        if (!m_caller) m_caller = std::make_unique<CCallback>(m_env, m_obj);
+        return m_caller.get();
+    }
 
 private:
+    JNIEnv* m_env;
+    jobject m_obj;
     CNfsMain* m_controller;
     std::unique_ptr<CCallback> m_own;
-    std::unique_ptr<CCallback> m_spare;
-    CCallback* m_active = nullptr;
+    std::unique_ptr<CCallback> m_caller;
 };
 
 void ThrowIOException(JNIEnv* env, jobject obj, const char* text) {
@@ -121,7 +123,7 @@ JNIEXPORT jboolean NATIVE(startRemoteController)(JNIEnv* env, jobject obj, jlong
     CallbackScope scope(env, obj, controller);
     char err[ERROR_TEXT_SIZE] = "";
     if (controller->StartRemoteController(err)) return JNI_TRUE;
-    scope.Active()->ThrowIOException(err);
+    scope.Caller()->ThrowIOException(err);
     return JNI_FALSE;
 }
 
@@ -136,7 +138,7 @@ JNIEXPORT jboolean NATIVE(startServer)(JNIEnv* env, jobject obj, jlong jHandle, 
     CallbackScope scope(env, obj, controller);
     char err[ERROR_TEXT_SIZE] = "";
     if (controller->StartServer(jMountPort, jNfsPort, 0, 0, jReadOnly == JNI_TRUE, err)) return JNI_TRUE;
-    scope.Active()->ThrowIOException(err);
+    scope.Caller()->ThrowIOException(err);
     return JNI_FALSE;
 }
 
@@ -149,7 +151,7 @@ JNIEXPORT jboolean NATIVE(receiveCallbackLoop)(JNIEnv* env, jobject obj, jlong j
     if (!controller) return JNI_FALSE;
     CallbackScope scope(env, obj, controller);
     for (jint left = jLifeTimeInSec; left != 0;) {
-        if (scope.Active()->IsInterrupted()) break;
+        if (scope.Caller()->IsInterrupted()) break;
         if (left > 0) --left;
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
@@ -168,7 +170,7 @@ JNIEXPORT jboolean NATIVE(addMountPoint)(JNIEnv* env, jobject obj, jlong jHandle
         ok = controller->AddMountPoint(path, name, err);
     }
     if (ok) return JNI_TRUE;
-    scope.Active()->ThrowIOException(err);
+    scope.Caller()->ThrowIOException(err);
     return JNI_FALSE;
 }
 
@@ -252,7 +254,7 @@ JNIEXPORT void NATIVE(addRedirectedFileSegment)(JNIEnv* env, jobject obj, jlong 
         JString path(env, jPath), source(env, jSrcPath);
         ok = controller->AddRedirectedFileSegment(path, source, jSrcFileOffset, jOffset, jLength, err);
     }
-    if (!ok) scope.Active()->ThrowIOException(err);
+    if (!ok) scope.Caller()->ThrowIOException(err);
 }
 
 JNIEXPORT void NATIVE(exportRedirectedFile)(JNIEnv* env, jobject obj, jlong jHandle, jstring jPath,
@@ -368,7 +370,7 @@ JNIEXPORT jboolean NATIVE(runQuickTestMode)(JNIEnv* env, jobject obj, jlong jHan
         ok = controller->RunQuickTestMode(path, iMode, err);
     }
     if (ok) return JNI_TRUE;
-    scope.Active()->ThrowIOException(err);
+    scope.Caller()->ThrowIOException(err);
     return JNI_FALSE;
 }
 

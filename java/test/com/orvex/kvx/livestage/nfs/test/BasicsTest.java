@@ -110,6 +110,20 @@ public final class BasicsTest {
         check(took >= 2.4 && took < 4.5, "receiveCallbackLoop(h, -1) returns once isInterrupted is true (" + took
                                              + " s)");
         n.interrupted = false;
+
+        // A second loop on the same handle asks its own object, not the one
+        // whose callback is installed.
+        Thread first = n.startLoop(h);
+        RecordingNative other = new RecordingNative();
+        other.interrupted = true;
+        start = System.nanoTime();
+        other.receiveCallbackLoop(h, -1);
+        took = (System.nanoTime() - start) / 1e9;
+        check(took < 0.5, "a second loop whose object is interrupted returns at once (" + took + " s)");
+        check(first.isAlive(), "the first loop goes on");
+        n.stopLoop(first);
+        check(!first.isAlive(), "the first loop ends when its object is interrupted");
+        n.interrupted = false;
     }
 
     static void failures(RecordingNative n, long h) throws Exception {
