@@ -63,21 +63,24 @@ void CUtilities::LogError(CRuntimeParam* rp, char* text) { LogError(IdOf(rp), te
 void CUtilities::LogRaw(CRuntimeParam* rp, char* text) { LogRaw(IdOf(rp), text); }
 
 void CUtilities::LogInfo(const char* id, char* text) {
-    if (m_pCallback && m_pCallback->LogInfo(id, text)) return;
+    ICallback* callback = m_pCallback.load();
+    if (callback && callback->LogInfo(id, text)) return;
     if (m_pFileLogger && m_pFileLogger->LogInfo(text)) return;
     fprintf(stdout, "[info] (%s) %s\n", id, text);
     fflush(stdout);
 }
 
 void CUtilities::LogError(const char* id, char* text) {
-    if (m_pCallback && m_pCallback->LogError(id, text)) return;
+    ICallback* callback = m_pCallback.load();
+    if (callback && callback->LogError(id, text)) return;
     if (m_pFileLogger && m_pFileLogger->LogError(text)) return;
     fprintf(stdout, "[erro] (%s) %s\n", id, text);
     fflush(stdout);
 }
 
 void CUtilities::LogRaw(const char* id, char* text) {
-    if (m_pCallback && m_pCallback->LogRaw(id, text)) return;
+    ICallback* callback = m_pCallback.load();
+    if (callback && callback->LogRaw(id, text)) return;
     if (m_pFileLogger && m_pFileLogger->LogRaw(text)) return;
     fprintf(stdout, "%s", text);
     fflush(stdout);
@@ -108,22 +111,26 @@ int CUtilities::UpdateRedirectedFileAttributes(const char* id, const char* pcPat
                                                unsigned long long iSize, bool bAccessTime,
                                                unsigned long lAccessTimeSec, bool bLastModifiedTime,
                                                unsigned long lLastModifiedTimeSec) {
-    if (!m_pCallback) return -1;
-    return m_pCallback->UpdateRedirectedFileAttributes(id, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
-                                                       bLastModifiedTime, lLastModifiedTimeSec);
+    ICallback* callback = m_pCallback.load();
+    if (!callback) return -1;
+    return callback->UpdateRedirectedFileAttributes(id, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
+                                                    bLastModifiedTime, lLastModifiedTimeSec);
 }
 
 int CUtilities::RemoveRedirectedFile(const char* id, const char* pcPath) {
-    return m_pCallback ? m_pCallback->RemoveRedirectedFile(id, pcPath) : -1;
+    ICallback* callback = m_pCallback.load();
+    return callback ? callback->RemoveRedirectedFile(id, pcPath) : -1;
 }
 
 int CUtilities::RenameRedirectedFile(const char* id, const char* pcPathFm, const char* pcPathTo) {
-    return m_pCallback ? m_pCallback->RenameRedirectedFile(id, pcPathFm, pcPathTo) : -1;
+    ICallback* callback = m_pCallback.load();
+    return callback ? callback->RenameRedirectedFile(id, pcPathFm, pcPathTo) : -1;
 }
 
 int CUtilities::WriteRedirectedFile(const char* id, const char* pcPath, unsigned long long iSeek, int iSeekType,
                                     unsigned int iLen) {
-    return m_pCallback ? m_pCallback->WriteRedirectedFile(id, pcPath, iSeek, iSeekType, iLen) : -1;
+    ICallback* callback = m_pCallback.load();
+    return callback ? callback->WriteRedirectedFile(id, pcPath, iSeek, iSeekType, iLen) : -1;
 }
 
 void CUtilities::GetLastErrorText(char* buffer, int errnum, size_t size) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <map>
@@ -57,7 +58,7 @@ public:
 
     // ---- log routing -------------------------------------------------------
     void SetCallback(ICallback* callback) { m_pCallback = callback; }
-    ICallback* GetCallback() const { return m_pCallback; }
+    ICallback* GetCallback() const { return m_pCallback.load(); }
     void SetFileLogger(CFileLogger* logger) { m_pFileLogger = logger; }
     CFileLogger* GetFileLogger() const { return m_pFileLogger; }
 
@@ -301,7 +302,9 @@ public:
     void RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam);
 
 protected:
-    ICallback* m_pCallback = nullptr;
+    // Atomic: the JNI binding installs and removes the callback from a Java
+    // thread while server threads route lines through it.
+    std::atomic<ICallback*> m_pCallback{nullptr};
     CFileLogger* m_pFileLogger = nullptr;
 
     // Descriptor cache: path -> descriptor, and time key -> path ordered by
