@@ -207,6 +207,7 @@ public:
         return m_bAfter && m_iAfterLevel < 0 ? &m_after : nullptr;
     }
     long long Examined() const { return m_iExamined; }
+    bool FoundCover() const { return m_bCover; }
 
 private:
     bool Visit(size_t level, long long run) {
@@ -310,8 +311,13 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
     std::vector<std::string>().swap(m_vSource);
     m_mSourceIndex.clear();
     IndexClear(m_memoryIndex);
+    ForgetFileIndex();
+}
+
+void CRedirectedFile::ForgetFileIndex() {
     IndexClear(m_fileIndex);
     m_iIndexedFd = -1;
+    std::vector<Segment>().swap(m_vRun);
 }
 
 // ---- segments ----------------------------------------------------------------
@@ -394,8 +400,7 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
                 // A record went in short: the records from here on lie off
                 // their places. The next lookup indexes the file again.
                 indexed = false;
-                IndexClear(m_fileIndex);
-                m_iIndexedFd = -1;
+                ForgetFileIndex();
             }
             piece.iFileOffset = WrappingAdd(piece.iFileOffset, length);
             piece.iOffset += length;
@@ -528,14 +533,16 @@ void CRedirectedFile::ScanCachedSegments(long long iSeek, ProcSegment* pCursor) 
     }
 }
 
-bool CRedirectedFile::SyncFileIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd) {
+bool CRedirectedFile::SyncFileIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, bool* pbChanged) {
     struct stat st;
     if (fstat(fd, &st) != 0) return false;
     const long long records = (long long)st.st_size / SEGMENT_RECORD_SIZE;
     bool sameFile = m_iIndexedFd != -1 && (unsigned long long)st.st_dev == m_iIndexedDevice &&
                     (unsigned long long)st.st_ino == m_iIndexedInode;
+    bool changed = !sameFile || records != m_fileIndex.iCount;
+    if (pbChanged) *pbChanged = changed;
     if (!sameFile || records < m_fileIndex.iCount) {
-        IndexClear(m_fileIndex);
+        ForgetFileIndex();
         m_iIndexedDevice = (unsigned long long)st.st_dev;
         m_iIndexedInode = (unsigned long long)st.st_ino;
     }
@@ -562,55 +569,89 @@ bool CRedirectedFile::LookUpInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLog
     // An estimate off the record boundaries (a checkpoint taken while the
     // file held a partial record) reads records across them: scanned.
     if (start % SEGMENT_RECORD_SIZE != 0) return false;
-    if (!SyncFileIndex(pRuntimeParam, pLogArgu, fd)) return false;
-    // One run of records per read, at most SEGMENT_INDEX_FANOUT of them.
-    unsigned char bytes[SEGMENT_INDEX_FANOUT * SEGMENT_RECORD_SIZE];
-    Segment records[SEGMENT_INDEX_FANOUT];
-    long long position = -1;  // of the descriptor, when known
+    // Another descriptor may be another file.
+    if (fd != m_iIndexedFd && !SyncFileIndex(pRuntimeParam, pLogArgu, fd)) return false;
     long long bytesRead = 0;
-    auto load = [&](long long from, long long to) -> const Segment* {
-        unsigned int n = (unsigned int)(to - from);
-        if (n == 0 || n > SEGMENT_INDEX_FANOUT) return nullptr;
-        if (OS_FileSeek(pRuntimeParam, pLogArgu, fd, from * SEGMENT_RECORD_SIZE, SEEK_SET) < 0) return nullptr;
-        int got = OS_FileRead(pRuntimeParam, pLogArgu, fd, bytes, n * SEGMENT_RECORD_SIZE);
-        ++m_iInfoFileLookupReads;
-        bytesRead += std::max(got, 0);
-        if (got != (int)(n * SEGMENT_RECORD_SIZE)) return nullptr;
-        for (unsigned int i = 0; i < n; ++i) records[i] = DecodeRecord(bytes + i * SEGMENT_RECORD_SIZE);
-        position = to * SEGMENT_RECORD_SIZE;
-        return records;
+    auto load = [&](long long from, long long to) {
+        return LoadRecords(pRuntimeParam, pLogArgu, fd, from, to, &bytesRead);
     };
-    CIndexSearch<decltype(load)> search(m_fileIndex, iSeek, start / SEGMENT_RECORD_SIZE, load);
-    bool ok = search.Run();
-    m_iInfoFileRecordsRead += search.Examined();
-    long long found = ok ? search.Found() : -1;
+    long long found = -1;
     Segment record;
-    if (found >= 0) {
-        if (const Segment* loaded = search.Record()) {
-            record = *loaded;
-        } else {
-            const Segment* one = load(found, found + 1);
-            ok = one != nullptr;
-            if (ok) {
-                record = *one;
+    bool ok = true;
+    for (int pass = 0; pass < 2 && ok; ++pass) {
+        CIndexSearch<decltype(load)> search(m_fileIndex, iSeek, start / SEGMENT_RECORD_SIZE, load);
+        ok = search.Run();
+        m_iInfoFileRecordsRead += search.Examined();
+        found = ok ? search.Found() : -1;
+        if (found >= 0) {
+            if (const Segment* loaded = search.Record()) {
+                record = *loaded;
+            } else {
+                const Segment* one = load(found, found + 1);
+                ok = one != nullptr;
+                if (ok) record = *one;
                 ++m_iInfoFileRecordsRead;
             }
         }
+        // No record covers iSeek among those indexed: records appended
+        // since by someone else might.
+        bool changed = false;
+        if (!ok || search.FoundCover() || pass > 0) break;
+        ok = SyncFileIndex(pRuntimeParam, pLogArgu, fd, &changed);
+        if (!changed) break;
     }
     m_iInfoFileLookupMaxBytes = std::max(m_iInfoFileLookupMaxBytes, bytesRead);
     if (!ok) {
         // The file changed under the index: taken in again next time.
-        IndexClear(m_fileIndex);
-        m_iIndexedFd = -1;
+        ForgetFileIndex();
         return false;
     }
     if (found < 0) return true;
-    // The descriptor is left just after the record taken, where
-    // GetNextSegment goes on.
-    long long after = (found + 1) * SEGMENT_RECORD_SIZE;
-    if (position != after) OS_FileSeek(pRuntimeParam, pLogArgu, fd, after, SEEK_SET);
+    m_iNextRecordPosition = (found + 1) * SEGMENT_RECORD_SIZE;
     pCursor->index = record.iOffset;
     pCursor->segment = record;
+    return true;
+}
+
+const Segment* CRedirectedFile::LoadRecords(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long from,
+                                            long long to, long long* pBytesRead) {
+    if (from >= m_iRunFirst && to <= m_iRunFirst + (long long)m_vRun.size()) return m_vRun.data() + (from - m_iRunFirst);
+    // The whole run of the index that holds them.
+    long long first = from - from % SEGMENT_INDEX_FANOUT;
+    long long end = std::min(first + SEGMENT_INDEX_FANOUT, m_fileIndex.iCount);
+    if (from < 0 || to > end || from >= to) return nullptr;
+    unsigned char bytes[SEGMENT_INDEX_FANOUT * SEGMENT_RECORD_SIZE];
+    unsigned int wanted = (unsigned int)(end - first) * SEGMENT_RECORD_SIZE;
+    int got = OS_FileReadAt(pRuntimeParam, pLogArgu, fd, bytes, wanted, first * SEGMENT_RECORD_SIZE);
+    ++m_iInfoFileLookupReads;
+    *pBytesRead += std::max(got, 0);
+    if (got != (int)wanted) return nullptr;
+    m_vRun.resize((size_t)(end - first));
+    for (size_t i = 0; i < m_vRun.size(); ++i) m_vRun[i] = DecodeRecord(bytes + i * SEGMENT_RECORD_SIZE);
+    m_iRunFirst = first;
+    return m_vRun.data() + (from - first);
+}
+
+bool CRedirectedFile::RecordAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iPosition,
+                               Segment* pSegment) {
+    unsigned char bytes[SEGMENT_INDEX_FANOUT * SEGMENT_RECORD_SIZE];
+    if (iPosition % SEGMENT_RECORD_SIZE != 0) {
+        // Off the record boundaries (after a scan from such an estimate).
+        if (OS_FileReadAt(pRuntimeParam, pLogArgu, fd, bytes, SEGMENT_RECORD_SIZE, iPosition) != SEGMENT_RECORD_SIZE)
+            return false;
+        *pSegment = DecodeRecord(bytes);
+        return true;
+    }
+    long long k = iPosition / SEGMENT_RECORD_SIZE;
+    if (k < m_iRunFirst || k >= m_iRunFirst + (long long)m_vRun.size()) {
+        // The records from there on, as many as a run holds.
+        int got = OS_FileReadAt(pRuntimeParam, pLogArgu, fd, bytes, sizeof bytes, iPosition);
+        if (got < SEGMENT_RECORD_SIZE) return false;
+        m_vRun.resize((size_t)(got / SEGMENT_RECORD_SIZE));
+        for (size_t i = 0; i < m_vRun.size(); ++i) m_vRun[i] = DecodeRecord(bytes + i * SEGMENT_RECORD_SIZE);
+        m_iRunFirst = k;
+    }
+    *pSegment = m_vRun[(size_t)(k - m_iRunFirst)];
     return true;
 }
 
@@ -641,6 +682,7 @@ void CRedirectedFile::ScanInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
             long long after = position + (long long)(i + 1) * SEGMENT_RECORD_SIZE;
             if (Covers(s, iSeek)) {
                 if (after != position + got) OS_FileSeek(pRuntimeParam, pLogArgu, fd, after, SEEK_SET);
+                m_iNextRecordPosition = after;
                 pCursor->index = s.iOffset;
                 pCursor->segment = s;
                 return;
@@ -659,6 +701,7 @@ void CRedirectedFile::ScanInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
     }
     if (haveNext) {
         OS_FileSeek(pRuntimeParam, pLogArgu, fd, afterNext, SEEK_SET);
+        m_iNextRecordPosition = afterNext;
         pCursor->index = next.iOffset;
         pCursor->segment = next;
     }
@@ -678,15 +721,26 @@ void CRedirectedFile::GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* 
         }
         return;
     }
-    // The record after the one taken last, in info-file order.
-    unsigned char record[SEGMENT_RECORD_SIZE];
-    if (OS_FileRead(pRuntimeParam, &la, fd, record, sizeof record) != SEGMENT_RECORD_SIZE) {
-        pCursor->index = -1;
-        return;
+    // The record after the one taken last, in info-file order: mostly from
+    // the run of records read last.
+    Segment next;
+    if (m_bPlainLookup) {
+        unsigned char record[SEGMENT_RECORD_SIZE];
+        if (OS_FileRead(pRuntimeParam, &la, fd, record, sizeof record) != SEGMENT_RECORD_SIZE) {
+            pCursor->index = -1;
+            return;
+        }
+        next = DecodeRecord(record);
+    } else {
+        if (!RecordAt(pRuntimeParam, &la, fd, m_iNextRecordPosition, &next)) {
+            pCursor->index = -1;
+            return;
+        }
+        m_iNextRecordPosition += SEGMENT_RECORD_SIZE;
     }
     ++m_iInfoFileRecordsRead;
     if (pCursor->index < LLONG_MAX) ++pCursor->index;
-    pCursor->segment = DecodeRecord(record);
+    pCursor->segment = next;
 }
 
 // ---- reading -------------------------------------------------------------------
@@ -734,8 +788,9 @@ int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long 
                                   (unsigned long long)iSeek, (int)n, (unsigned long long)sourcePosition);
         if (n > 0) {
             int fd = sourcePath ? GetFileHandle(pRuntimeParam, pLogArgu, sourcePath, false) : -1;
-            if (OS_FileSeek(pRuntimeParam, pLogArgu, fd, sourcePosition, SEEK_SET) < 0) return (int)f;
-            int got = OS_FileRead(pRuntimeParam, pLogArgu, fd, pcBuf + f, (unsigned int)n);
+            // A position that cannot be sought to stops the read.
+            if (sourcePosition < 0) return (int)f;
+            int got = OS_FileReadAt(pRuntimeParam, pLogArgu, fd, pcBuf + f, (unsigned int)n, sourcePosition);
             if (got < 0) return (int)f;
             if (got == 0) {
                 // The source ends before the segment does: its missing bytes
@@ -898,6 +953,15 @@ long long CRedirectedFile::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pL
                                        int iWhence) {
     if (fd == -1) return iOffset;
     return m_pUtilities->OS_FileSeek(pRuntimeParam, pLogArgu, fd, iOffset, iWhence, nullptr);
+}
+
+int CRedirectedFile::OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, void* pBuf,
+                                   unsigned int iLen, long long iOffset) {
+    if (fd == -1) {
+        memset(pBuf, 0, iLen);
+        return (int)iLen;
+    }
+    return m_pUtilities->OS_FileReadAt(pRuntimeParam, pLogArgu, fd, pBuf, iLen, iOffset, nullptr);
 }
 
 long long CRedirectedFile::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd) {

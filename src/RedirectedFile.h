@@ -132,7 +132,17 @@ private:
     // records appended since are read in; a file that is shorter, or another
     // file, is indexed again from its start. False when the file cannot be
     // examined.
-    bool SyncFileIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd);
+    bool SyncFileIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, bool* pbChanged = nullptr);
+    // Drops the info-file index and the records kept from the file.
+    void ForgetFileIndex();
+    // The records [from, to) of the info file, from the run kept in memory
+    // or read with the rest of their run of the index (one read of at most
+    // SEGMENT_INDEX_FANOUT records, added to *pBytesRead); null when they
+    // cannot be read.
+    const Segment* LoadRecords(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long from, long long to,
+                               long long* pBytesRead);
+    // The record at info-file position iPosition; false past the end.
+    bool RecordAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iPosition, Segment* pSegment);
     // Lookup through the info-file index; false when it cannot answer (the
     // caller scans instead).
     bool LookUpInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iSeek, long long start,
@@ -143,6 +153,8 @@ private:
     int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const void* pBuf, unsigned int iLen);
     long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iOffset, int iWhence);
     long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd);
+    int OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, void* pBuf, unsigned int iLen,
+                      long long iOffset);
 
     // The descriptors this file reads and writes (info file, sources, export
     // targets) come from the file service's shared cache, so that consecutive
@@ -180,8 +192,16 @@ private:
     // Checkpoints recorded in ascending iOffset (the usual case): the last
     // one at or below an offset is then found by a binary search.
     bool m_bCheckPointsAscending = true;
-    // Lookups by the plain scans only (reference for comparisons).
+    // Lookups by the plain scans only, and the next segment read at the
+    // descriptor's position (reference for comparisons).
     bool m_bPlainLookup = false;
+    // The last run of info-file records read, from record m_iRunFirst on
+    // (the info file only grows, so they stay what the file holds), and the
+    // info-file position right after the record taken last, where
+    // GetNextSegment goes on.
+    std::vector<Segment> m_vRun;
+    long long m_iRunFirst = 0;
+    long long m_iNextRecordPosition = 0;
     // What this object appended to the info file: its length in bytes, the
     // iOffset of the last record, and whether the records went in whole and
     // in non-decreasing order of iOffset. While that holds and the file is

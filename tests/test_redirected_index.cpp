@@ -29,8 +29,10 @@ struct RedirectedFileLookupProbe {
         file.m_bPlainLookup = false;
         return cursor;
     }
-    static void Next(CRedirectedFile& file, CRuntimeParam* rp, ProcSegment* cursor) {
+    static void Next(CRedirectedFile& file, CRuntimeParam* rp, ProcSegment* cursor, bool plain) {
+        file.m_bPlainLookup = plain;
         file.GetNextSegment(rp, cursor);
+        file.m_bPlainLookup = false;
     }
     static int Read(CRedirectedFile& file, CRuntimeParam* rp, long long seek, char* buf, unsigned int len, bool* eof,
                     bool plain) {
@@ -195,7 +197,7 @@ protected:
         ProcSegment plain = RedirectedFileLookupProbe::Find(file, &rp, seek, true);
         std::vector<ProcSegment> plainRun = {plain};
         for (int i = 0; i < 3; ++i) {
-            RedirectedFileLookupProbe::Next(file, &rp, &plain);
+            RedirectedFileLookupProbe::Next(file, &rp, &plain, true);
             plainRun.push_back(plain);
         }
         ProcSegment indexed = RedirectedFileLookupProbe::Find(file, &rp, seek, false);
@@ -203,7 +205,7 @@ protected:
             ASSERT_TRUE(Same(plainRun[(size_t)i], indexed))
                 << "seek " << seek << " step " << i << ": plain " << Describe(plainRun[(size_t)i]) << ", indexed "
                 << Describe(indexed);
-            RedirectedFileLookupProbe::Next(file, &rp, &indexed);
+            RedirectedFileLookupProbe::Next(file, &rp, &indexed, false);
         }
         ++lookups;
     }
