@@ -458,6 +458,7 @@ void CRedirectedFile::CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, cons
 void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, ProcSegment* pCursor) {
     LogArgu la{"RedirectedFile.GetSegment"};
     pCursor->index = -1;
+    m_bCursorInFile = false;
     // The answer is the first segment that covers iSeek. When none does, the
     // segment that starts nearest after iSeek is taken instead, so that a
     // read starting in a hole gives zeros up to it and then its bytes.
@@ -486,6 +487,7 @@ void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, 
     // start, or from the last checkpoint at or below iSeek.
     long long start = EstimatedRecordPosition(iSeek);
     if (start < 0) return;
+    m_bCursorInFile = true;
     if (!m_bPlainLookup && LookUpInfoFile(pRuntimeParam, &la, fd, iSeek, start, pCursor)) return;
     ScanInfoFile(pRuntimeParam, &la, fd, iSeek, start, pCursor);
 }
@@ -709,6 +711,17 @@ void CRedirectedFile::ScanInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
 
 void CRedirectedFile::GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* pCursor) {
     if (pCursor->index < 0) return;
+    // Next to the record taken last, in the run read with it: the records
+    // of the info file do not change once written.
+    long long k = m_iNextRecordPosition / SEGMENT_RECORD_SIZE;
+    if (!m_bPlainLookup && m_bCursorInFile && m_iNextRecordPosition % SEGMENT_RECORD_SIZE == 0 && k >= m_iRunFirst &&
+        k < m_iRunFirst + (long long)m_vRun.size()) {
+        m_iNextRecordPosition += SEGMENT_RECORD_SIZE;
+        ++m_iInfoFileRecordsRead;
+        if (pCursor->index < LLONG_MAX) ++pCursor->index;
+        pCursor->segment = m_vRun[(size_t)(k - m_iRunFirst)];
+        return;
+    }
     LogArgu la{"RedirectedFile.GetNextSegment"};
     int fd = GetFileHandle(pRuntimeParam, &la, m_sInfoFile, false);
     if (fd == -1) {

@@ -202,6 +202,8 @@ private:
     std::vector<Segment> m_vRun;
     long long m_iRunFirst = 0;
     long long m_iNextRecordPosition = 0;
+    // The last lookup answered from the info file (not the in-memory list).
+    bool m_bCursorInFile = false;
     // What this object appended to the info file: its length in bytes, the
     // iOffset of the last record, and whether the records went in whole and
     // in non-decreasing order of iOffset. While that holds and the file is
