@@ -13,6 +13,16 @@
 // file service (the path an NFS READ takes: registry, then the file), with
 // the info-file records examined per lookup, against reads of the same
 // ranges from one source file directly.
+// Scattered*: the layout of a restored backup chain (ScatteredLayout.h): as
+// many segments of 4 KiB to 1 MiB over eight sparse sources.
+// AddScatteredSegments adds them through the controller (time, resident
+// memory growth: the info file holds the records, the index about a third of
+// a byte each); ScatteredRandomRead as RandomRead, with the info-file reads
+// and bytes per lookup; ScatteredReopen opens the info file again in a new
+// object and reads once (the index is built from the file), timed.
+//
+//   REDIRECTED_BENCH_SEGMENTS=10000000 bench_redirected_file --benchmark_filter=Scattered
+//
 // HoleRead: 64 KiB reads that start in a hole, in a file whose segments
 // each cover only the first half of their slot: no record covers the
 // offset, so the lookup reads the info file from the estimate to its end
@@ -20,6 +30,7 @@
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -34,6 +45,7 @@
 
 #include "NfsMain.h"
 #include "RedirectedFile.h"
+#include "ScatteredLayout.h"
 #include "Utilities.h"
 
 namespace {
@@ -41,6 +53,7 @@ namespace {
 constexpr long long TiB = 1LL << 40;
 constexpr long long FILE_SIZE = 2 * TiB;
 constexpr unsigned int READ_SIZE = 65536;
+constexpr int SCATTERED_SOURCES = 8;  // after the three of the even layout
 
 long long ResidentKiB() {
     FILE* f = fopen("/proc/self/status", "r");
@@ -60,7 +73,7 @@ public:
         char pattern[] = "/tmp/redirected-bench-XXXXXX";
         if (!mkdtemp(pattern)) abort();
         m_folder = pattern;
-        for (int i = 0; i < 3; ++i) {
+        for (int i = 0; i < 3 + SCATTERED_SOURCES; ++i) {
             sources.push_back(m_folder + "/source" + std::to_string(i));
             int fd = open(sources.back().c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
             if (fd == -1 || ftruncate(fd, FILE_SIZE) != 0) abort();
@@ -236,6 +249,114 @@ void RandomRead(benchmark::State& state) {
     state.counters["rss_growth_KiB"] = (double)(ResidentKiB() - rssBefore);
 }
 
+// The scattered file, registered through the controller once per segment
+// count; the resident memory growth and seconds of adding its segments.
+struct ScatteredFile {
+    std::string path;
+    long long segments = 0;
+    long long rssGrowthKiB = 0;
+    double seconds = 0;
+};
+
+const ScatteredFile& Scattered(long long n) {
+    static std::map<long long, ScatteredFile> files;
+    ScatteredFile& file = files[n];
+    if (!file.path.empty()) return file;
+    file.path = Space().NewInfoFile();
+    Controller().OpenRedirectedFile(file.path.c_str(), FILE_SIZE, true, 0, 0);
+    char err[ERROR_TEXT_SIZE] = "";
+    long long before = ResidentKiB();
+    auto t0 = std::chrono::steady_clock::now();
+    ForEachScatteredSegment(n, FILE_SIZE, SCATTERED_SOURCES, SCATTERED_WINDOW,
+                            [&](int source, long long sourceOffset, long long offset, long long length) {
+                                const std::string& path = Space().sources[(size_t)(3 + source)];
+                                if (!Controller().AddRedirectedFileSegment(file.path.c_str(), path.c_str(),
+                                                                           sourceOffset, offset, length, err))
+                                    abort();
+                                ++file.segments;
+                            });
+    file.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    file.rssGrowthKiB = ResidentKiB() - before;
+    return file;
+}
+
+void AddScatteredSegments(benchmark::State& state) {
+    const ScatteredFile* file = nullptr;
+    for (auto _ : state) file = &Scattered(state.range(0));
+    state.counters["segments"] = (double)file->segments;
+    state.counters["seconds"] = file->seconds;
+    state.counters["rss_growth_KiB"] = (double)file->rssGrowthKiB;
+    struct stat st;
+    if (stat(file->path.c_str(), &st) == 0) state.counters["info_file_MiB"] = (double)st.st_size / (1 << 20);
+}
+
+void ScatteredRandomRead(benchmark::State& state) {
+    const ScatteredFile& scattered = Scattered(state.range(0));
+    CUtilities& service = *Controller().GetUtils();
+    CRedirectedFile& file = *service.GetRedirectedFile(scattered.path.c_str());
+    LogArgu la{"bench"};
+    int plain = open(Space().sources[3].c_str(), O_RDONLY);
+    std::vector<char> buffer(READ_SIZE);
+    // Every source window, and so the plain one, in the page cache.
+    for (int k = 0; k < SCATTERED_SOURCES; ++k) {
+        int fd = open(Space().sources[(size_t)(3 + k)].c_str(), O_RDONLY);
+        for (long long at = 0; at < SCATTERED_WINDOW; at += READ_SIZE)
+            if (pread(fd, buffer.data(), READ_SIZE, at) != (ssize_t)READ_SIZE) abort();
+        close(fd);
+    }
+    std::mt19937_64 gen(6);
+    long long recordsBefore = file.GetInfoFileRecordsRead();
+    long long readsBefore = file.GetInfoFileLookupReads();
+    long long rssBefore = ResidentKiB();
+    double redirectedSeconds = 0, plainSeconds = 0;
+    for (auto _ : state) {
+        long long offset = (long long)(gen() % (unsigned long long)(FILE_SIZE - READ_SIZE));
+        bool eof;
+        auto t0 = std::chrono::steady_clock::now();
+        int count = service.ReadFile(&Quiet(), &la, scattered.path.c_str(), (unsigned long long)offset, SEEK_SET,
+                                     buffer.data(), READ_SIZE, &eof);
+        auto t1 = std::chrono::steady_clock::now();
+        ssize_t direct = pread(plain, buffer.data(), READ_SIZE, offset % (SCATTERED_WINDOW - READ_SIZE));
+        auto t2 = std::chrono::steady_clock::now();
+        if (count != (int)READ_SIZE || direct != (ssize_t)READ_SIZE) state.SkipWithError("short read");
+        benchmark::DoNotOptimize(buffer.data());
+        redirectedSeconds += std::chrono::duration<double>(t1 - t0).count();
+        plainSeconds += std::chrono::duration<double>(t2 - t1).count();
+    }
+    close(plain);
+    double reads = (double)state.iterations();
+    state.counters["redirected_us"] = redirectedSeconds / reads * 1e6;
+    state.counters["plain_us"] = plainSeconds / reads * 1e6;
+    state.counters["redirected_to_plain"] = plainSeconds / redirectedSeconds;  // reads-per-second ratio
+    state.counters["records_per_lookup"] = (double)(file.GetInfoFileRecordsRead() - recordsBefore) / reads;
+    state.counters["info_reads_per_lookup"] = (double)(file.GetInfoFileLookupReads() - readsBefore) / reads;
+    state.counters["max_info_bytes_per_lookup"] = (double)file.GetInfoFileLookupMaxBytes();
+    state.counters["rss_growth_KiB"] = (double)(ResidentKiB() - rssBefore);
+}
+
+void ScatteredReopen(benchmark::State& state) {
+    const ScatteredFile& scattered = Scattered(state.range(0));
+    std::vector<char> buffer(READ_SIZE);
+    long long rssGrowth = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        // The descriptor cache keeps the info file open: a new object on it
+        // knows none of its records.
+        CRedirectedFile file(&Utilities());
+        long long before = ResidentKiB();
+        state.ResumeTiming();
+        file.Open(&Quiet(), FILE_SIZE, 1, scattered.path.c_str(), 0, 0);
+        bool eof;
+        if (file.Read(&Quiet(), FILE_SIZE / 3, buffer.data(), READ_SIZE, &eof) != (int)READ_SIZE)
+            state.SkipWithError("short read");
+        state.PauseTiming();
+        rssGrowth = ResidentKiB() - before;
+        file.Close(&Quiet());
+        state.ResumeTiming();
+    }
+    state.counters["rss_growth_KiB"] = (double)rssGrowth;
+}
+
 void HoleRead(benchmark::State& state) {
     long long n = state.range(0);
     static std::map<long long, std::string> files;
@@ -286,6 +407,19 @@ int main(int argc, char** argv) {
     // One segment per 32 MiB block (the estimate hits at once), then many.
     for (long long n : {FILE_SIZE >> 25, segments})
         benchmark::RegisterBenchmark("RandomRead", RandomRead)->Arg(n)->Unit(benchmark::kMicrosecond)->UseRealTime();
+    benchmark::RegisterBenchmark("AddScatteredSegments", AddScatteredSegments)
+        ->Arg(segments)
+        ->Iterations(1)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("ScatteredRandomRead", ScatteredRandomRead)
+        ->Arg(segments)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark("ScatteredReopen", ScatteredReopen)
+        ->Arg(segments)
+        ->Iterations(3)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
     benchmark::RegisterBenchmark("HoleRead", HoleRead)
         ->Arg(segments)
         ->Iterations(50)

@@ -1,15 +1,17 @@
 // Sequential NFS READ of a redirected file against NFS READ of the same
 // bytes as a plain file: the whole server (started through the controller)
 // on loopback, and a libnfs client reading each file from start to end in
-// 64 KiB READs, one at a time. The redirected file is made of segments taken
+// 64 KiB READs, one at a time or 16 in flight. The redirected file is made of segments taken
 // in turn from four source files, so that its content equals the plain
 // file's (checked on the first pass). Both files are read in every
 // iteration, in alternating order, and timed apart, so that their ratio is
 // taken under the same machine load.
 //
 // NfsRandomRead: 64 KiB READs at random offsets of a 2 TiB redirected file
-// of many segments (sparse sources), against the same READs of a sparse
-// 2 TiB plain file, with the info-file records examined per lookup.
+// of many segments of 4 KiB to 1 MiB over eight sparse sources (the layout
+// of ScatteredLayout.h), against READs of a sparse 2 TiB plain file inside
+// its first window, one at a time or 16 in flight, with the info-file
+// records examined per lookup.
 //
 //   bench_redirected_nfs                          256 MiB files, 1,000,000 segments
 //   REDIRECTED_NFS_BENCH_MIB=1024 REDIRECTED_NFS_BENCH_SEGMENTS=10000000 bench_redirected_nfs
@@ -21,6 +23,7 @@
 #include <fcntl.h>
 #include <net/if.h>
 #include <nfsc/libnfs.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -39,6 +42,7 @@
 
 #include "NfsMain.h"
 #include "RedirectedFile.h"
+#include "ScatteredLayout.h"
 #include "Utilities.h"
 
 namespace {
@@ -47,6 +51,8 @@ constexpr long long MiB = 1LL << 20;
 constexpr long long HUGE_SIZE = 2LL << 40;  // 2 TiB
 constexpr unsigned int READ_SIZE = 65536;
 constexpr int SOURCES = 4;
+constexpr int HUGE_SOURCES = 8;
+constexpr int RANDOM_BATCH = 64;  // READs per file and iteration of NfsRandomRead
 const char* const EXPORT_NAME = "bench";
 
 long long SegmentCount() {
@@ -164,28 +170,36 @@ public:
         return name;
     }
 
-    // Registers export/huge.bin: a 2 TiB redirected file of count segments
-    // in turn from three sparse sources, with a sparse plain file of the
-    // same size beside it (export/huge-plain.bin).
+    // Registers export/huge-<count>.bin: a 2 TiB redirected file of count
+    // scattered segments over eight sparse sources, with a sparse plain file
+    // of the same size beside it (export/huge-plain.bin).
     std::string Huge(long long count) {
         std::string name = "huge-" + std::to_string(count) + ".bin";
         std::string path = m_export + "/" + name;
         if (access(path.c_str(), F_OK) == 0) return name;
         MakeSparse(m_export + "/huge-plain.bin", HUGE_SIZE);
         std::vector<std::string> sources;
-        for (int k = 0; k < 3; ++k) {
+        for (int k = 0; k < HUGE_SOURCES; ++k) {
             sources.push_back(m_folder + "/huge-source-" + std::to_string(k));
             MakeSparse(sources.back(), HUGE_SIZE);
         }
         WriteFile(path, {});
         m_main.OpenRedirectedFile(path.c_str(), HUGE_SIZE, true, 0, 0);
         char err[ERROR_TEXT_SIZE] = "";
-        for (long long i = 0; i < count; ++i) {
-            long long begin = (long long)((__int128)HUGE_SIZE * i / count);
-            long long end = (long long)((__int128)HUGE_SIZE * (i + 1) / count);
-            if (!m_main.AddRedirectedFileSegment(path.c_str(), sources[(size_t)(i % 3)].c_str(), begin, begin,
-                                                 end - begin, err))
-                abort();
+        ForEachScatteredSegment(count, HUGE_SIZE, HUGE_SOURCES, SCATTERED_WINDOW,
+                                [&](int source, long long sourceOffset, long long offset, long long length) {
+                                    if (!m_main.AddRedirectedFileSegment(path.c_str(), sources[(size_t)source].c_str(),
+                                                                         sourceOffset, offset, length, err))
+                                        abort();
+                                });
+        // The source windows and the plain window in the page cache.
+        sources.push_back(m_export + "/huge-plain.bin");
+        std::vector<char> buffer(READ_SIZE);
+        for (const std::string& source : sources) {
+            int fd = open(source.c_str(), O_RDONLY);
+            for (long long at = 0; at < SCATTERED_WINDOW; at += READ_SIZE)
+                if (pread(fd, buffer.data(), READ_SIZE, at) != (ssize_t)READ_SIZE) abort();
+            close(fd);
         }
         return name;
     }
@@ -223,6 +237,49 @@ private:
 
 Setup* g_setup = nullptr;
 
+struct InFlight {
+    int pending = 0;
+    bool failed = false;
+};
+
+void OnRead(int status, struct nfs_context*, void*, void* privateData) {
+    InFlight* flight = static_cast<InFlight*>(privateData);
+    --flight->pending;
+    if (status != (int)READ_SIZE) flight->failed = true;
+}
+
+// READ_SIZE READs at offsets, up to depth in flight; the seconds they took,
+// or -1 when one failed or came back short.
+double ReadAt(struct nfsfh* fh, const std::vector<uint64_t>& offsets, int depth) {
+    struct nfs_context* nfs = g_setup->Client();
+    InFlight flight;
+    size_t next = 0;
+    auto start = std::chrono::steady_clock::now();
+    while ((next < offsets.size() || flight.pending > 0) && !flight.failed) {
+        while (next < offsets.size() && flight.pending < depth) {
+            if (nfs_pread_async(nfs, fh, offsets[next], READ_SIZE, OnRead, &flight) != 0) return -1;
+            ++flight.pending;
+            ++next;
+        }
+        struct pollfd pfd = {nfs_get_fd(nfs), (short)nfs_which_events(nfs), 0};
+        if (poll(&pfd, 1, 5000) <= 0 || nfs_service(nfs, pfd.revents) < 0) return -1;
+    }
+    if (flight.failed) return -1;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Reads the whole file with depth READs in flight (its size a multiple of
+// READ_SIZE); the seconds, or -1.
+double ReadAllInFlight(const std::string& name, int depth) {
+    struct nfsfh* fh = nullptr;
+    if (nfs_open(g_setup->Client(), ("/" + name).c_str(), O_RDONLY, &fh) != 0) return -1;
+    std::vector<uint64_t> offsets;
+    for (long long offset = 0; offset < g_setup->Size(); offset += READ_SIZE) offsets.push_back((uint64_t)offset);
+    double seconds = ReadAt(fh, offsets, depth);
+    nfs_close(g_setup->Client(), fh);
+    return seconds;
+}
+
 // Reads the whole file in READ_SIZE READs; the seconds it took, and the
 // bytes compared with the content when check is set (-1 on any failure).
 double ReadAll(const std::string& name, bool check, long long* bytes) {
@@ -254,6 +311,7 @@ double ReadAll(const std::string& name, bool check, long long* bytes) {
 
 void SequentialRead(benchmark::State& state) {
     long long segment = state.range(0);
+    int depth = (int)state.range(1);
     std::string redirected = g_setup->Redirected(segment);
     const long long size = g_setup->Size();
     long long bytes = 0;
@@ -267,12 +325,18 @@ void SequentialRead(benchmark::State& state) {
     bool plainFirst = true;
     for (auto _ : state) {
         long long plainBytes = 0, redirectedBytes = 0;
+        auto read = [&](const std::string& name, long long* bytes) {
+            if (depth <= 1) return ReadAll(name, false, bytes);
+            double seconds = ReadAllInFlight(name, depth);
+            *bytes = seconds < 0 ? -1 : size;
+            return seconds;
+        };
         if (plainFirst) {
-            plainSeconds += ReadAll("plain.bin", false, &plainBytes);
-            redirectedSeconds += ReadAll(redirected, false, &redirectedBytes);
+            plainSeconds += read("plain.bin", &plainBytes);
+            redirectedSeconds += read(redirected, &redirectedBytes);
         } else {
-            redirectedSeconds += ReadAll(redirected, false, &redirectedBytes);
-            plainSeconds += ReadAll("plain.bin", false, &plainBytes);
+            redirectedSeconds += read(redirected, &redirectedBytes);
+            plainSeconds += read("plain.bin", &plainBytes);
         }
         plainFirst = !plainFirst;
         if (plainBytes != size || redirectedBytes != size) return state.SkipWithError("short read");
@@ -282,10 +346,15 @@ void SequentialRead(benchmark::State& state) {
     state.counters["redirected_MBps"] = megabytes / redirectedSeconds;
     state.counters["redirected_to_plain"] = plainSeconds / redirectedSeconds;  // throughput ratio
     state.counters["segments"] = (double)((size + segment - 1) / segment);
+    state.counters["in_flight"] = depth;
 }
 
-// Each iteration sends one READ at a random offset to each file, in
-// alternating order, timed apart.
+// The plain file is read inside its first window, in the page cache as
+// the redirected file's sources are (see ScatteredLayout.h).
+uint64_t PlainOffset(uint64_t offset) { return offset % (uint64_t)(SCATTERED_WINDOW - READ_SIZE); }
+
+// Each iteration sends one READ at a random offset to each file (a batch of
+// them with several in flight), in alternating order, timed apart.
 void RandomRead(benchmark::State& state) {
     std::string redirected = g_setup->Huge(state.range(0));
     struct nfs_context* nfs = g_setup->Client();
@@ -299,12 +368,39 @@ void RandomRead(benchmark::State& state) {
     long long recordsBefore = g_setup->RecordsRead(redirected);
     double plainSeconds = 0, redirectedSeconds = 0;
     bool plainFirst = true;
+    const int depth = (int)state.range(1);
+    if (depth > 1) {
+        // A batch of random READs to each file per iteration, depth in flight.
+        for (auto _ : state) {
+            std::vector<uint64_t> offsets;
+            for (int i = 0; i < RANDOM_BATCH; ++i) offsets.push_back(gen() % (uint64_t)(HUGE_SIZE - READ_SIZE));
+            std::vector<uint64_t> plainOffsets;
+            for (uint64_t offset : offsets) plainOffsets.push_back(PlainOffset(offset));
+            for (int turn = 0; turn < 2; ++turn) {
+                bool plain = (turn == 0) == plainFirst;
+                double seconds = ReadAt(plain ? plainFh : redirectedFh, plain ? plainOffsets : offsets, depth);
+                if (seconds < 0) return state.SkipWithError("READ failed");
+                (plain ? plainSeconds : redirectedSeconds) += seconds;
+            }
+            plainFirst = !plainFirst;
+        }
+        nfs_close(nfs, plainFh);
+        nfs_close(nfs, redirectedFh);
+        double reads = (double)state.iterations() * RANDOM_BATCH;
+        state.counters["plain_reads_per_s"] = reads / plainSeconds;
+        state.counters["redirected_reads_per_s"] = reads / redirectedSeconds;
+        state.counters["redirected_to_plain"] = plainSeconds / redirectedSeconds;
+        state.counters["records_per_lookup"] = (double)(g_setup->RecordsRead(redirected) - recordsBefore) / reads;
+        state.counters["in_flight"] = depth;
+        return;
+    }
     for (auto _ : state) {
         uint64_t offset = gen() % (uint64_t)(HUGE_SIZE - READ_SIZE);
         for (int turn = 0; turn < 2; ++turn) {
             bool plain = (turn == 0) == plainFirst;
             auto start = std::chrono::steady_clock::now();
-            int n = nfs_pread(nfs, plain ? plainFh : redirectedFh, offset, READ_SIZE, buffer.data());
+            int n = nfs_pread(nfs, plain ? plainFh : redirectedFh, plain ? PlainOffset(offset) : offset, READ_SIZE,
+                              buffer.data());
             double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
             (plain ? plainSeconds : redirectedSeconds) += seconds;
             if (n != (int)READ_SIZE) return state.SkipWithError("short read");
@@ -329,20 +425,23 @@ int main(int argc, char** argv) {
     }
     Setup setup;
     g_setup = &setup;
-    // Segments of 1 MiB, and of 64 KiB (one per READ).
-    for (long long segment : {MiB, 64 * 1024LL})
-        benchmark::RegisterBenchmark("NfsSequentialRead", SequentialRead)
-            ->Arg(segment)
-            ->Iterations(4)
-            ->Unit(benchmark::kMillisecond)
-            ->UseRealTime();
+    // Segments of 1 MiB, of 64 KiB (one per READ) and of 16 KiB (four per
+    // READ); one READ at a time, then 16 in flight.
+    for (int depth : {1, 16})
+        for (long long segment : {MiB, 64 * 1024LL, 16 * 1024LL})
+            benchmark::RegisterBenchmark("NfsSequentialRead", SequentialRead)
+                ->Args({segment, depth})
+                ->Iterations(4)
+                ->Unit(benchmark::kMillisecond)
+                ->UseRealTime();
     // One segment per 32 MiB block (the estimate hits at once), then many.
-    for (long long count : {HUGE_SIZE >> 25, SegmentCount()})
-        benchmark::RegisterBenchmark("NfsRandomRead", RandomRead)
-            ->Arg(count)
-            ->Iterations(3000)
-            ->Unit(benchmark::kMicrosecond)
-            ->UseRealTime();
+    for (int depth : {1, 16})
+        for (long long count : {HUGE_SIZE >> 25, SegmentCount()})
+            benchmark::RegisterBenchmark("NfsRandomRead", RandomRead)
+                ->Args({count, depth})
+                ->Iterations(depth > 1 ? 100 : 3000)
+                ->Unit(benchmark::kMicrosecond)
+                ->UseRealTime();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <sys/stat.h>
+
 #include "Utilities.h"
 
 namespace {
@@ -101,6 +103,182 @@ void FormatUnchecked(char* out, size_t size, const char* fmt, ...) {
     va_end(args);
 }
 
+// ---- segment index ----------------------------------------------------------
+
+constexpr int INDEX_SHIFT = 6;  // log2 of SEGMENT_INDEX_FANOUT
+static_assert((1 << INDEX_SHIFT) == SEGMENT_INDEX_FANOUT, "fan-out is a power of two");
+// Records read per read call while the index takes in an info file.
+constexpr long long INDEX_SYNC_RECORDS = 4096;
+
+// Nothing of s covers or starts at an offset at or past this.
+long long Reach(const Segment& s) {
+    return std::max(SaturatedAdd(s.iOffset, s.iLength), SaturatedAdd(s.iOffset, 1));
+}
+
+// First record of a run of the given level, or LLONG_MAX past any record.
+long long RunStart(long long run, size_t level) {
+    size_t shift = INDEX_SHIFT * (level + 1);
+    if (shift >= 62) return run == 0 ? 0 : LLONG_MAX;
+    if (run > (LLONG_MAX >> shift)) return LLONG_MAX;
+    return run << shift;
+}
+
+void IndexClear(SegmentIndex& index) {
+    std::vector<std::vector<SegmentRunSummary>>().swap(index.vLevels);
+    index.iCount = 0;
+    index.iLastOffset = 0;
+}
+
+void IndexAppend(SegmentIndex& index, const Segment& s) {
+    const long long k = index.iCount;
+    const long long reach = Reach(s);
+    if (index.vLevels.empty()) index.vLevels.emplace_back();
+    for (size_t level = 0; level < index.vLevels.size(); ++level) {
+        std::vector<SegmentRunSummary>& runs = index.vLevels[level];
+        size_t shift = INDEX_SHIFT * level;
+        long long run = shift + INDEX_SHIFT >= 62 ? 0 : k >> (shift + INDEX_SHIFT);
+        int child = shift >= 62 ? 0 : (int)((k >> shift) & (SEGMENT_INDEX_FANOUT - 1));
+        if ((size_t)run == runs.size()) {
+            SegmentRunSummary summary;
+            summary.iMinOffset = s.iOffset;
+            summary.iReach = reach;
+            summary.iFirstMin = child;
+            runs.push_back(summary);
+            continue;
+        }
+        SegmentRunSummary& summary = runs[(size_t)run];
+        if (s.iOffset < summary.iMinOffset) {
+            summary.iMinOffset = s.iOffset;
+            summary.iFirstMin = child;
+        }
+        summary.iReach = std::max(summary.iReach, reach);
+        if (level == 0 && s.iOffset < index.iLastOffset) summary.bInOrder = 0;
+    }
+    // A new root once the top level holds two runs.
+    const std::vector<SegmentRunSummary>& top = index.vLevels.back();
+    if (top.size() > 1) {
+        SegmentRunSummary root = top[0];
+        root.iFirstMin = 0;
+        root.bInOrder = 1;
+        if (top[1].iMinOffset < root.iMinOffset) {
+            root.iMinOffset = top[1].iMinOffset;
+            root.iFirstMin = 1;
+        }
+        root.iReach = std::max(root.iReach, top[1].iReach);
+        index.vLevels.push_back({root});
+    }
+    index.iLastOffset = s.iOffset;
+    ++index.iCount;
+}
+
+// Looks through records [k0, iCount) of an index for the first record that
+// covers iSeek, else the first of those that start nearest after it: what a
+// scan of the records from k0 on finds. Runs whose summaries rule them out
+// are skipped; the records of the others come from load(from, to), which
+// returns them (or null when they cannot be read).
+template <typename Load>
+class CIndexSearch {
+public:
+    CIndexSearch(const SegmentIndex& index, long long iSeek, long long k0, Load& load)
+        : m_index(index), m_iSeek(iSeek), m_k0(k0), m_load(load) {}
+
+    // False when records could not be loaded.
+    bool Run() {
+        if (m_index.vLevels.empty()) return true;
+        size_t top = m_index.vLevels.size() - 1;
+        for (size_t run = 0; run < m_index.vLevels[top].size(); ++run)
+            if (Visit(top, (long long)run)) break;
+        if (m_bFailed) return false;
+        if (!m_bCover && m_bAfter && m_iAfterLevel >= 0) {
+            // Known from a summary only: down to the record.
+            long long run = m_iAfterRun;
+            for (size_t level = (size_t)m_iAfterLevel; level > 0; --level)
+                run = run * SEGMENT_INDEX_FANOUT + m_index.vLevels[level][(size_t)run].iFirstMin;
+            m_iAfterRecord = run * SEGMENT_INDEX_FANOUT + m_index.vLevels[0][(size_t)run].iFirstMin;
+        }
+        return true;
+    }
+
+    // The answer: its position (-1 for none), whether it covers iSeek, and
+    // the record when it was loaded.
+    long long Found() const { return m_bCover ? m_iCover : m_bAfter ? m_iAfterRecord : -1; }
+    const Segment* Record() const {
+        if (m_bCover) return &m_cover;
+        return m_bAfter && m_iAfterLevel < 0 ? &m_after : nullptr;
+    }
+    long long Examined() const { return m_iExamined; }
+    bool FoundCover() const { return m_bCover; }
+
+private:
+    bool Visit(size_t level, long long run) {
+        long long first = RunStart(run, level);
+        long long end = std::min(m_index.iCount, RunStart(run + 1, level));
+        if (end <= m_k0) return false;
+        const SegmentRunSummary& summary = m_index.vLevels[level][(size_t)run];
+        if (summary.iReach <= m_iSeek) return false;
+        if (first >= m_k0 && summary.iMinOffset > m_iSeek) {
+            if (!m_bAfter || summary.iMinOffset < m_iAfterOffset) {
+                m_bAfter = true;
+                m_iAfterOffset = summary.iMinOffset;
+                m_iAfterLevel = (int)level;
+                m_iAfterRun = run;
+            }
+            return false;
+        }
+        if (level > 0) {
+            long long child = run * SEGMENT_INDEX_FANOUT;
+            long long last = std::min<long long>(child + SEGMENT_INDEX_FANOUT, (long long)m_index.vLevels[level - 1].size());
+            for (; child < last; ++child)
+                if (Visit(level - 1, child)) return true;
+            return false;
+        }
+        long long from = std::max(first, m_k0);
+        const Segment* records = m_load(from, end);
+        if (records == nullptr) {
+            m_bFailed = true;
+            return true;
+        }
+        for (long long k = from; k < end; ++k) {
+            const Segment& s = records[k - from];
+            ++m_iExamined;
+            if (Covers(s, m_iSeek)) {
+                m_bCover = true;
+                m_iCover = k;
+                m_cover = s;
+                return true;
+            }
+            if (s.iOffset > m_iSeek) {
+                if (!m_bAfter || s.iOffset < m_iAfterOffset) {
+                    m_bAfter = true;
+                    m_iAfterOffset = s.iOffset;
+                    m_iAfterLevel = -1;
+                    m_iAfterRecord = k;
+                    m_after = s;
+                }
+                // Records in order: none further on starts nearer or covers.
+                if (summary.bInOrder) break;
+            }
+        }
+        return false;
+    }
+
+    const SegmentIndex& m_index;
+    const long long m_iSeek;
+    const long long m_k0;
+    Load& m_load;
+    bool m_bFailed = false;
+    bool m_bCover = false;
+    long long m_iCover = -1;
+    Segment m_cover;
+    bool m_bAfter = false;
+    long long m_iAfterOffset = 0;
+    int m_iAfterLevel = -1;  // >= 0: known from the summary of run m_iAfterRun
+    long long m_iAfterRun = -1;
+    long long m_iAfterRecord = -1;
+    Segment m_after;
+    long long m_iExamined = 0;
+};
+
 }  // namespace
 
 CRedirectedFile::CRedirectedFile(CUtilities* pUtilities) : m_pUtilities(pUtilities) {}
@@ -132,6 +310,14 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
     for (const std::string& source : m_vSource) CloseFileHandle(pRuntimeParam, &la, source);
     std::vector<std::string>().swap(m_vSource);
     m_mSourceIndex.clear();
+    IndexClear(m_memoryIndex);
+    ForgetFileIndex();
+}
+
+void CRedirectedFile::ForgetFileIndex() {
+    IndexClear(m_fileIndex);
+    m_iIndexedFd = -1;
+    std::vector<Segment>().swap(m_vRun);
 }
 
 // ---- segments ----------------------------------------------------------------
@@ -190,8 +376,16 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
     int fd = GetFileHandle(pRuntimeParam, &la, m_sInfoFile, true);
     if (fd == -1) {
         m_vAllCachedSegment.push_back(segment);
+        IndexAppend(m_memoryIndex, segment);
     } else {
-        OS_FileSeek(pRuntimeParam, &la, fd, 0, SEEK_END);
+        // The index takes the records written here as they go, once it holds
+        // those already in the file.
+        long long end = OS_FileSeek(pRuntimeParam, &la, fd, 0, SEEK_END);
+        bool indexed = fd == m_iIndexedFd && end == m_fileIndex.iCount * SEGMENT_RECORD_SIZE;
+        if (!indexed && SyncFileIndex(pRuntimeParam, &la, fd)) {
+            end = OS_FileSeek(pRuntimeParam, &la, fd, 0, SEEK_END);
+            indexed = end == m_fileIndex.iCount * SEGMENT_RECORD_SIZE;
+        }
         // One record per piece, pieces cut at multiples of the segment size
         // so that each block of the redirected file has a record of its own.
         const long long blockSize = m_iInfoFileSegmentSize;
@@ -200,7 +394,14 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
         auto writePiece = [&](long long length) {
             piece.iLength = length;
             CreateCheckPointSegment(pRuntimeParam, piece);
-            WriteRecord(pRuntimeParam, &la, fd, piece);
+            if (WriteRecord(pRuntimeParam, &la, fd, piece) && indexed) {
+                IndexAppend(m_fileIndex, piece);
+            } else if (indexed) {
+                // A record went in short: the records from here on lie off
+                // their places. The next lookup indexes the file again.
+                indexed = false;
+                ForgetFileIndex();
+            }
             piece.iFileOffset = WrappingAdd(piece.iFileOffset, length);
             piece.iOffset += length;
             remaining -= length;
@@ -220,13 +421,14 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
     return true;
 }
 
-void CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const Segment& segment) {
+bool CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const Segment& segment) {
     unsigned char record[SEGMENT_RECORD_SIZE];
     EncodeRecord(segment, record);
     int written = OS_FileWrite(pRuntimeParam, pLogArgu, fd, record, sizeof record);
     if (written > 0) m_iInfoFileWritten += written;
     if (written != SEGMENT_RECORD_SIZE || segment.iOffset < m_iLastRecordOffset) m_bRecordsInOrder = false;
     m_iLastRecordOffset = segment.iOffset;
+    return written == SEGMENT_RECORD_SIZE;
 }
 
 bool CRedirectedFile::InfoFileInOrder(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd) {
@@ -248,50 +450,217 @@ void CRedirectedFile::CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, cons
     CheckPointSegment checkPoint;
     checkPoint.iFileOffset = position;
     checkPoint.iOffset = segment.iOffset;
+    if (!m_vInfoFileCheckPoint.empty() && checkPoint.iOffset < m_vInfoFileCheckPoint.back().iOffset)
+        m_bCheckPointsAscending = false;
     m_vInfoFileCheckPoint.push_back(checkPoint);
 }
 
 void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, ProcSegment* pCursor) {
     LogArgu la{"RedirectedFile.GetSegment"};
     pCursor->index = -1;
+    m_bCursorInFile = false;
     // The answer is the first segment that covers iSeek. When none does, the
     // segment that starts nearest after iSeek is taken instead, so that a
     // read starting in a hole gives zeros up to it and then its bytes.
     int fd = GetFileHandle(pRuntimeParam, &la, m_sInfoFile, false);
     if (fd == -1) {
-        long long next = -1;
-        for (size_t i = 0; i < m_vAllCachedSegment.size(); ++i) {
-            const Segment& s = m_vAllCachedSegment[i];
-            if (Covers(s, iSeek)) {
-                pCursor->index = (long long)i;
-                pCursor->segment = s;
-                return;
-            }
-            if (s.iOffset > iSeek && (next < 0 || s.iOffset < m_vAllCachedSegment[(size_t)next].iOffset))
-                next = (long long)i;
+        if (m_bPlainLookup) {
+            ScanCachedSegments(iSeek, pCursor);
+            return;
         }
-        if (next >= 0) {
-            pCursor->index = next;
-            pCursor->segment = m_vAllCachedSegment[(size_t)next];
+        if (m_memoryIndex.iCount != (long long)m_vAllCachedSegment.size()) {
+            IndexClear(m_memoryIndex);
+            for (const Segment& s : m_vAllCachedSegment) IndexAppend(m_memoryIndex, s);
+        }
+        const Segment* list = m_vAllCachedSegment.data();
+        auto load = [list](long long from, long long) { return list + from; };
+        CIndexSearch<decltype(load)> search(m_memoryIndex, iSeek, 0, load);
+        search.Run();
+        long long found = search.Found();
+        if (found >= 0) {
+            pCursor->index = found;
+            pCursor->segment = m_vAllCachedSegment[(size_t)found];
         }
         return;
     }
+    // The records are read from the estimated one on: one per block from the
+    // start, or from the last checkpoint at or below iSeek.
+    long long start = EstimatedRecordPosition(iSeek);
+    if (start < 0) return;
+    m_bCursorInFile = true;
+    if (!m_bPlainLookup && LookUpInfoFile(pRuntimeParam, &la, fd, iSeek, start, pCursor)) return;
+    ScanInfoFile(pRuntimeParam, &la, fd, iSeek, start, pCursor);
+}
 
-    // Estimated record: one per block from the start, or from the last
-    // checkpoint at or below iSeek.
+long long CRedirectedFile::EstimatedRecordPosition(long long iSeek) const {
     const long long blockSize = m_iInfoFileSegmentSize;
+    const std::vector<CheckPointSegment>& checkPoints = m_vInfoFileCheckPoint;
     long long start = -1;
-    if (m_iInfoFileCheckPointSize <= iSeek) {
-        for (auto cp = m_vInfoFileCheckPoint.rbegin(); cp != m_vInfoFileCheckPoint.rend(); ++cp) {
-            if (cp->iOffset <= iSeek) {
-                start = (iSeek - cp->iOffset) / blockSize * SEGMENT_RECORD_SIZE + cp->iFileOffset;
-                break;
+    if (m_iInfoFileCheckPointSize <= iSeek && !checkPoints.empty()) {
+        // The last recorded checkpoint at or below iSeek.
+        const CheckPointSegment* found = nullptr;
+        if (m_bCheckPointsAscending && !m_bPlainLookup) {
+            auto above = std::upper_bound(checkPoints.begin(), checkPoints.end(), iSeek,
+                                          [](long long seek, const CheckPointSegment& cp) { return seek < cp.iOffset; });
+            if (above != checkPoints.begin()) found = &*(above - 1);
+        } else {
+            for (auto cp = checkPoints.rbegin(); cp != checkPoints.rend(); ++cp) {
+                if (cp->iOffset <= iSeek) {
+                    found = &*cp;
+                    break;
+                }
             }
         }
+        if (found) start = (iSeek - found->iOffset) / blockSize * SEGMENT_RECORD_SIZE + found->iFileOffset;
     }
     if (start < 0) start = iSeek / blockSize * SEGMENT_RECORD_SIZE;
-    const bool inOrder = InfoFileInOrder(pRuntimeParam, &la, fd);
-    if (start < 0 || OS_FileSeek(pRuntimeParam, &la, fd, start, SEEK_SET) < 0) return;
+    return start;
+}
+
+void CRedirectedFile::ScanCachedSegments(long long iSeek, ProcSegment* pCursor) {
+    long long next = -1;
+    for (size_t i = 0; i < m_vAllCachedSegment.size(); ++i) {
+        const Segment& s = m_vAllCachedSegment[i];
+        if (Covers(s, iSeek)) {
+            pCursor->index = (long long)i;
+            pCursor->segment = s;
+            return;
+        }
+        if (s.iOffset > iSeek && (next < 0 || s.iOffset < m_vAllCachedSegment[(size_t)next].iOffset))
+            next = (long long)i;
+    }
+    if (next >= 0) {
+        pCursor->index = next;
+        pCursor->segment = m_vAllCachedSegment[(size_t)next];
+    }
+}
+
+bool CRedirectedFile::SyncFileIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, bool* pbChanged) {
+    struct stat st;
+    if (fstat(fd, &st) != 0) return false;
+    const long long records = (long long)st.st_size / SEGMENT_RECORD_SIZE;
+    bool sameFile = m_iIndexedFd != -1 && (unsigned long long)st.st_dev == m_iIndexedDevice &&
+                    (unsigned long long)st.st_ino == m_iIndexedInode;
+    bool changed = !sameFile || records != m_fileIndex.iCount;
+    if (pbChanged) *pbChanged = changed;
+    if (!sameFile || records < m_fileIndex.iCount) {
+        ForgetFileIndex();
+        m_iIndexedDevice = (unsigned long long)st.st_dev;
+        m_iIndexedInode = (unsigned long long)st.st_ino;
+    }
+    m_iIndexedFd = fd;
+    if (records == m_fileIndex.iCount) return true;
+    // Records appended since, or the whole file of another opening.
+    if (OS_FileSeek(pRuntimeParam, pLogArgu, fd, m_fileIndex.iCount * SEGMENT_RECORD_SIZE, SEEK_SET) < 0) return false;
+    std::vector<unsigned char> buffer((size_t)(INDEX_SYNC_RECORDS * SEGMENT_RECORD_SIZE));
+    while (m_fileIndex.iCount < records) {
+        long long wanted = std::min(INDEX_SYNC_RECORDS, records - m_fileIndex.iCount);
+        int got = OS_FileRead(pRuntimeParam, pLogArgu, fd, buffer.data(), (unsigned int)(wanted * SEGMENT_RECORD_SIZE));
+        if (got <= 0) break;
+        for (int i = 0; i + SEGMENT_RECORD_SIZE <= got; i += SEGMENT_RECORD_SIZE)
+            IndexAppend(m_fileIndex, DecodeRecord(buffer.data() + i));
+        if (got % SEGMENT_RECORD_SIZE != 0 &&
+            OS_FileSeek(pRuntimeParam, pLogArgu, fd, m_fileIndex.iCount * SEGMENT_RECORD_SIZE, SEEK_SET) < 0)
+            break;
+    }
+    return m_fileIndex.iCount == records;
+}
+
+bool CRedirectedFile::LookUpInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iSeek,
+                                     long long start, ProcSegment* pCursor) {
+    // An estimate off the record boundaries (a checkpoint taken while the
+    // file held a partial record) reads records across them: scanned.
+    if (start % SEGMENT_RECORD_SIZE != 0) return false;
+    // Another descriptor may be another file.
+    if (fd != m_iIndexedFd && !SyncFileIndex(pRuntimeParam, pLogArgu, fd)) return false;
+    long long bytesRead = 0;
+    auto load = [&](long long from, long long to) {
+        return LoadRecords(pRuntimeParam, pLogArgu, fd, from, to, &bytesRead);
+    };
+    long long found = -1;
+    Segment record;
+    bool ok = true;
+    for (int pass = 0; pass < 2 && ok; ++pass) {
+        CIndexSearch<decltype(load)> search(m_fileIndex, iSeek, start / SEGMENT_RECORD_SIZE, load);
+        ok = search.Run();
+        m_iInfoFileRecordsRead += search.Examined();
+        found = ok ? search.Found() : -1;
+        if (found >= 0) {
+            if (const Segment* loaded = search.Record()) {
+                record = *loaded;
+            } else {
+                const Segment* one = load(found, found + 1);
+                ok = one != nullptr;
+                if (ok) record = *one;
+                ++m_iInfoFileRecordsRead;
+            }
+        }
+        // No record covers iSeek among those indexed: records appended
+        // since by someone else might.
+        bool changed = false;
+        if (!ok || search.FoundCover() || pass > 0) break;
+        ok = SyncFileIndex(pRuntimeParam, pLogArgu, fd, &changed);
+        if (!changed) break;
+    }
+    m_iInfoFileLookupMaxBytes = std::max(m_iInfoFileLookupMaxBytes, bytesRead);
+    if (!ok) {
+        // The file changed under the index: taken in again next time.
+        ForgetFileIndex();
+        return false;
+    }
+    if (found < 0) return true;
+    m_iNextRecordPosition = (found + 1) * SEGMENT_RECORD_SIZE;
+    pCursor->index = record.iOffset;
+    pCursor->segment = record;
+    return true;
+}
+
+const Segment* CRedirectedFile::LoadRecords(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long from,
+                                            long long to, long long* pBytesRead) {
+    if (from >= m_iRunFirst && to <= m_iRunFirst + (long long)m_vRun.size()) return m_vRun.data() + (from - m_iRunFirst);
+    // The whole run of the index that holds them.
+    long long first = from - from % SEGMENT_INDEX_FANOUT;
+    long long end = std::min(first + SEGMENT_INDEX_FANOUT, m_fileIndex.iCount);
+    if (from < 0 || to > end || from >= to) return nullptr;
+    unsigned char bytes[SEGMENT_INDEX_FANOUT * SEGMENT_RECORD_SIZE];
+    unsigned int wanted = (unsigned int)(end - first) * SEGMENT_RECORD_SIZE;
+    int got = OS_FileReadAt(pRuntimeParam, pLogArgu, fd, bytes, wanted, first * SEGMENT_RECORD_SIZE);
+    ++m_iInfoFileLookupReads;
+    *pBytesRead += std::max(got, 0);
+    if (got != (int)wanted) return nullptr;
+    m_vRun.resize((size_t)(end - first));
+    for (size_t i = 0; i < m_vRun.size(); ++i) m_vRun[i] = DecodeRecord(bytes + i * SEGMENT_RECORD_SIZE);
+    m_iRunFirst = first;
+    return m_vRun.data() + (from - first);
+}
+
+bool CRedirectedFile::RecordAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iPosition,
+                               Segment* pSegment) {
+    unsigned char bytes[SEGMENT_INDEX_FANOUT * SEGMENT_RECORD_SIZE];
+    if (iPosition % SEGMENT_RECORD_SIZE != 0) {
+        // Off the record boundaries (after a scan from such an estimate).
+        if (OS_FileReadAt(pRuntimeParam, pLogArgu, fd, bytes, SEGMENT_RECORD_SIZE, iPosition) != SEGMENT_RECORD_SIZE)
+            return false;
+        *pSegment = DecodeRecord(bytes);
+        return true;
+    }
+    long long k = iPosition / SEGMENT_RECORD_SIZE;
+    if (k < m_iRunFirst || k >= m_iRunFirst + (long long)m_vRun.size()) {
+        // The records from there on, as many as a run holds.
+        int got = OS_FileReadAt(pRuntimeParam, pLogArgu, fd, bytes, sizeof bytes, iPosition);
+        if (got < SEGMENT_RECORD_SIZE) return false;
+        m_vRun.resize((size_t)(got / SEGMENT_RECORD_SIZE));
+        for (size_t i = 0; i < m_vRun.size(); ++i) m_vRun[i] = DecodeRecord(bytes + i * SEGMENT_RECORD_SIZE);
+        m_iRunFirst = k;
+    }
+    *pSegment = m_vRun[(size_t)(k - m_iRunFirst)];
+    return true;
+}
+
+void CRedirectedFile::ScanInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iSeek,
+                                   long long start, ProcSegment* pCursor) {
+    const bool inOrder = InfoFileInOrder(pRuntimeParam, pLogArgu, fd);
+    if (OS_FileSeek(pRuntimeParam, pLogArgu, fd, start, SEEK_SET) < 0) return;
 
     // Records are scanned forward to the end of the file: a segment added
     // later over a hole is found even though it lies out of order. When the
@@ -306,7 +675,7 @@ void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, 
     Segment next;
     long long afterNext = 0;
     for (;;) {
-        int got = OS_FileRead(pRuntimeParam, &la, fd, buffer, wanted);
+        int got = OS_FileRead(pRuntimeParam, pLogArgu, fd, buffer, wanted);
         if (got <= 0) break;
         int records = got / SEGMENT_RECORD_SIZE;
         for (int i = 0; i < records; ++i) {
@@ -314,7 +683,8 @@ void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, 
             ++m_iInfoFileRecordsRead;
             long long after = position + (long long)(i + 1) * SEGMENT_RECORD_SIZE;
             if (Covers(s, iSeek)) {
-                if (after != position + got) OS_FileSeek(pRuntimeParam, &la, fd, after, SEEK_SET);
+                if (after != position + got) OS_FileSeek(pRuntimeParam, pLogArgu, fd, after, SEEK_SET);
+                m_iNextRecordPosition = after;
                 pCursor->index = s.iOffset;
                 pCursor->segment = s;
                 return;
@@ -332,7 +702,8 @@ void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, 
         wanted = sizeof buffer;
     }
     if (haveNext) {
-        OS_FileSeek(pRuntimeParam, &la, fd, afterNext, SEEK_SET);
+        OS_FileSeek(pRuntimeParam, pLogArgu, fd, afterNext, SEEK_SET);
+        m_iNextRecordPosition = afterNext;
         pCursor->index = next.iOffset;
         pCursor->segment = next;
     }
@@ -340,6 +711,17 @@ void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, 
 
 void CRedirectedFile::GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* pCursor) {
     if (pCursor->index < 0) return;
+    // Next to the record taken last, in the run read with it: the records
+    // of the info file do not change once written.
+    long long k = m_iNextRecordPosition / SEGMENT_RECORD_SIZE;
+    if (!m_bPlainLookup && m_bCursorInFile && m_iNextRecordPosition % SEGMENT_RECORD_SIZE == 0 && k >= m_iRunFirst &&
+        k < m_iRunFirst + (long long)m_vRun.size()) {
+        m_iNextRecordPosition += SEGMENT_RECORD_SIZE;
+        ++m_iInfoFileRecordsRead;
+        if (pCursor->index < LLONG_MAX) ++pCursor->index;
+        pCursor->segment = m_vRun[(size_t)(k - m_iRunFirst)];
+        return;
+    }
     LogArgu la{"RedirectedFile.GetNextSegment"};
     int fd = GetFileHandle(pRuntimeParam, &la, m_sInfoFile, false);
     if (fd == -1) {
@@ -352,15 +734,26 @@ void CRedirectedFile::GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* 
         }
         return;
     }
-    // The record after the one taken last, in info-file order.
-    unsigned char record[SEGMENT_RECORD_SIZE];
-    if (OS_FileRead(pRuntimeParam, &la, fd, record, sizeof record) != SEGMENT_RECORD_SIZE) {
-        pCursor->index = -1;
-        return;
+    // The record after the one taken last, in info-file order: mostly from
+    // the run of records read last.
+    Segment next;
+    if (m_bPlainLookup) {
+        unsigned char record[SEGMENT_RECORD_SIZE];
+        if (OS_FileRead(pRuntimeParam, &la, fd, record, sizeof record) != SEGMENT_RECORD_SIZE) {
+            pCursor->index = -1;
+            return;
+        }
+        next = DecodeRecord(record);
+    } else {
+        if (!RecordAt(pRuntimeParam, &la, fd, m_iNextRecordPosition, &next)) {
+            pCursor->index = -1;
+            return;
+        }
+        m_iNextRecordPosition += SEGMENT_RECORD_SIZE;
     }
     ++m_iInfoFileRecordsRead;
     if (pCursor->index < LLONG_MAX) ++pCursor->index;
-    pCursor->segment = DecodeRecord(record);
+    pCursor->segment = next;
 }
 
 // ---- reading -------------------------------------------------------------------
@@ -408,8 +801,9 @@ int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long 
                                   (unsigned long long)iSeek, (int)n, (unsigned long long)sourcePosition);
         if (n > 0) {
             int fd = sourcePath ? GetFileHandle(pRuntimeParam, pLogArgu, sourcePath, false) : -1;
-            if (OS_FileSeek(pRuntimeParam, pLogArgu, fd, sourcePosition, SEEK_SET) < 0) return (int)f;
-            int got = OS_FileRead(pRuntimeParam, pLogArgu, fd, pcBuf + f, (unsigned int)n);
+            // A position that cannot be sought to stops the read.
+            if (sourcePosition < 0) return (int)f;
+            int got = OS_FileReadAt(pRuntimeParam, pLogArgu, fd, pcBuf + f, (unsigned int)n, sourcePosition);
             if (got < 0) return (int)f;
             if (got == 0) {
                 // The source ends before the segment does: its missing bytes
@@ -572,6 +966,15 @@ long long CRedirectedFile::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pL
                                        int iWhence) {
     if (fd == -1) return iOffset;
     return m_pUtilities->OS_FileSeek(pRuntimeParam, pLogArgu, fd, iOffset, iWhence, nullptr);
+}
+
+int CRedirectedFile::OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, void* pBuf,
+                                   unsigned int iLen, long long iOffset) {
+    if (fd == -1) {
+        memset(pBuf, 0, iLen);
+        return (int)iLen;
+    }
+    return m_pUtilities->OS_FileReadAt(pRuntimeParam, pLogArgu, fd, pBuf, iLen, iOffset, nullptr);
 }
 
 long long CRedirectedFile::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd) {

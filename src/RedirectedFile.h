@@ -36,11 +36,39 @@ struct CheckPointSegment {
     long long iOffset = 0;
 };
 
+// Summary of a run of consecutive records (a leaf: SEGMENT_INDEX_FANOUT
+// records; above it: that many runs of the level below), in record order.
+// Nothing in the run covers or starts at an offset at or past iReach, and
+// nothing starts below iMinOffset; iFirstMin is the position, inside the run,
+// of the record (or run) that holds the first record starting at iMinOffset.
+// bInOrder (leaves): the records start in non-decreasing order.
+struct SegmentRunSummary {
+    long long iMinOffset = 0;
+    long long iReach = 0;
+    int iFirstMin = 0;
+    int bInOrder = 1;
+};
+
+// An index over a list of segment records, in memory: one summary per run of
+// SEGMENT_INDEX_FANOUT records and a tree of summaries above them, so that
+// it costs about a third of a byte per record while a lookup reads at most
+// a run or two of records.
+struct SegmentIndex {
+    std::vector<std::vector<SegmentRunSummary>> vLevels;  // leaves first, a single root last
+    long long iCount = 0;                                 // records summarised
+    long long iLastOffset = 0;                            // iOffset of the last one
+};
+
+constexpr int SEGMENT_INDEX_FANOUT = 64;
+
 // A virtual file of a declared size assembled from ranges of other local
 // files. The segment list lives in an info file of fixed-size records, so
 // that millions of segments cost no memory; lookups seek to an estimated
-// record (one per segment-size block, corrected by checkpoints). When the
-// info file cannot be opened the segments are kept in memory instead.
+// record (one per segment-size block, corrected by checkpoints) and find the
+// record that answers from there through an in-memory index of the records
+// (rebuilt from the info file when the object did not write them itself).
+// When the info file cannot be opened the segments are kept in memory
+// instead, indexed the same way.
 // No lock of its own: the owner must not run two operations at once.
 class CRedirectedFile {
 public:
@@ -73,24 +101,60 @@ public:
     // Number of info-file records examined by segment lookups since the
     // file was built (for measurements).
     long long GetInfoFileRecordsRead() const { return m_iInfoFileRecordsRead; }
+    // Read calls that segment lookups made on the info file, and the most
+    // bytes that one lookup read (for measurements).
+    long long GetInfoFileLookupReads() const { return m_iInfoFileLookupReads; }
+    long long GetInfoFileLookupMaxBytes() const { return m_iInfoFileLookupMaxBytes; }
 
 private:
+    // Tests compare the indexed lookups with the plain scans.
+    friend struct RedirectedFileLookupProbe;
+
     void CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment);
     void GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, ProcSegment* pCursor);
     void GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* pCursor);
     int Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long long iSeek, char* pcBuf, unsigned int iLen);
     int SourceIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSourcePath);
     const char* SourcePath(int iSource) const;
-    void WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const Segment& segment);
+    // True when the whole record went in.
+    bool WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const Segment& segment);
     // True when the info file holds exactly the records this object wrote,
     // in non-decreasing order of iOffset (fd is left at an unknown position).
     bool InfoFileInOrder(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd);
+    // The lookups without the index: the list from its start, the info file
+    // from the estimated record to its end.
+    void ScanCachedSegments(long long iSeek, ProcSegment* pCursor);
+    void ScanInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iSeek, long long start,
+                      ProcSegment* pCursor);
+    // Info-file position of the estimated record for iSeek, or -1.
+    long long EstimatedRecordPosition(long long iSeek) const;
+    // Brings the info-file index up to the records of the file behind fd:
+    // records appended since are read in; a file that is shorter, or another
+    // file, is indexed again from its start. False when the file cannot be
+    // examined.
+    bool SyncFileIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, bool* pbChanged = nullptr);
+    // Drops the info-file index and the records kept from the file.
+    void ForgetFileIndex();
+    // The records [from, to) of the info file, from the run kept in memory
+    // or read with the rest of their run of the index (one read of at most
+    // SEGMENT_INDEX_FANOUT records, added to *pBytesRead); null when they
+    // cannot be read.
+    const Segment* LoadRecords(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long from, long long to,
+                               long long* pBytesRead);
+    // The record at info-file position iPosition; false past the end.
+    bool RecordAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iPosition, Segment* pSegment);
+    // Lookup through the info-file index; false when it cannot answer (the
+    // caller scans instead).
+    bool LookUpInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iSeek, long long start,
+                        ProcSegment* pCursor);
 
     // Descriptor access; descriptor -1 is a source of zeros.
     int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, void* pBuf, unsigned int iLen);
     int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, const void* pBuf, unsigned int iLen);
     long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, long long iOffset, int iWhence);
     long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd);
+    int OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int fd, void* pBuf, unsigned int iLen,
+                      long long iOffset);
 
     // The descriptors this file reads and writes (info file, sources, export
     // targets) come from the file service's shared cache, so that consecutive
@@ -115,6 +179,31 @@ private:
     // search the whole list.
     std::unordered_map<std::string, int> m_mSourceIndex;
     long long m_iInfoFileRecordsRead = 0;
+    long long m_iInfoFileLookupReads = 0;
+    long long m_iInfoFileLookupMaxBytes = 0;
+    // Indexes of the in-memory list and of the info file's records. The
+    // info-file index belongs to the file identified by m_iIndexedDevice and
+    // m_iIndexedInode, and is trusted to grow only by appended records.
+    SegmentIndex m_memoryIndex;
+    SegmentIndex m_fileIndex;
+    int m_iIndexedFd = -1;
+    unsigned long long m_iIndexedDevice = 0;
+    unsigned long long m_iIndexedInode = 0;
+    // Checkpoints recorded in ascending iOffset (the usual case): the last
+    // one at or below an offset is then found by a binary search.
+    bool m_bCheckPointsAscending = true;
+    // Lookups by the plain scans only, and the next segment read at the
+    // descriptor's position (reference for comparisons).
+    bool m_bPlainLookup = false;
+    // The last run of info-file records read, from record m_iRunFirst on
+    // (the info file only grows, so they stay what the file holds), and the
+    // info-file position right after the record taken last, where
+    // GetNextSegment goes on.
+    std::vector<Segment> m_vRun;
+    long long m_iRunFirst = 0;
+    long long m_iNextRecordPosition = 0;
+    // The last lookup answered from the info file (not the in-memory list).
+    bool m_bCursorInFile = false;
     // What this object appended to the info file: its length in bytes, the
     // iOffset of the last record, and whether the records went in whole and
     // in non-decreasing order of iOffset. While that holds and the file is

@@ -230,6 +230,14 @@ long long CUtilities::OS_FileSeek(CRuntimeParam* rp, LogArgu* la, int fd, long l
     return ReportCall(rp, r, e, nullptr, err, "[%s] OS seek file (%d)", NameOf(la), fd);
 }
 
+int CUtilities::OS_FileReadAt(CRuntimeParam* rp, LogArgu* la, int fd, void* buf, unsigned int len, long long offset,
+                              char* err) {
+    if (fd == -1) return (int)ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS read file (%d)", NameOf(la), fd);
+    ssize_t r = pread64(fd, buf, len, offset);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS read file (%d) at %lld", NameOf(la), fd, offset);
+}
+
 long long CUtilities::OS_FileTell(CRuntimeParam* rp, LogArgu* la, int fd, char* err) {
     if (fd == -1) return ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS tell file (%d)", NameOf(la), fd);
     off64_t r = lseek64(fd, 0, SEEK_CUR);

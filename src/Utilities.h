@@ -115,6 +115,10 @@ public:
     int OS_FileWrite(CRuntimeParam* rp, LogArgu* la, int fd, const void* buf, unsigned int len, char* err);
     long long OS_FileSeek(CRuntimeParam* rp, LogArgu* la, int fd, long long offset, int whence, char* err);
     long long OS_FileTell(CRuntimeParam* rp, LogArgu* la, int fd, char* err);
+    // Reads at offset without moving the descriptor's position (one call
+    // where a seek and a read would take two).
+    int OS_FileReadAt(CRuntimeParam* rp, LogArgu* la, int fd, void* buf, unsigned int len, long long offset,
+                      char* err);
     int OS_FolderCreate(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err);
     int OS_FolderRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
     int OS_SetFileMode(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err);
