@@ -188,7 +188,9 @@ void CIpcServer::ReadRequest() {
         return;
     }
     char err[ERROR_TEXT_SIZE] = "";
-    if (!ReadRequest(err)) LogError("[%s] %s", LOOP_NAME, err);
+    // A failure because the owner closed the channel meanwhile is the end of
+    // the loop, not an error.
+    if (!ReadRequest(err) && m_bOpened) LogError("[%s] %s", LOOP_NAME, err);
     if (m_bAutoShutdownRequested && m_pNfsHandle) m_pNfsHandle->RequestAutoShutdown();
 }
 
