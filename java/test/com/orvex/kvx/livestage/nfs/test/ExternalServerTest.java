@@ -51,6 +51,12 @@ public final class ExternalServerTest {
         check(n.isServerRunning(h), "Java sees the server running");
         checkEquals(3, n.getServerStatus(h), "Java's status is running");
         checkEquals("3", TestKit.ipcDriver(DRIVER, "status").value("result"), "the driver's status is running");
+        // The operator's console asks the Java process for its status too.
+        TestKit.Result query = TestKit.console("-query");
+        checkEquals(0, query.status, "nfsengine -query exits 0");
+        check(query.output.contains("Server Description: External NFS Server"),
+              "nfsengine -query reaches the Java process");
+        check(query.output.contains("Server Status: Started"), "nfsengine -query sees its NFS server started");
 
         Path root = TestKit.tempDir("jni-ext-export");
         TestKit.Result bad = TestKit.ipcDriver(DRIVER, "addmount", root.toString(), "a b");

@@ -106,6 +106,20 @@ final class TestKit {
     }
 
     /**
+     * The console program. It finds the engine's library beside the one this
+     * JVM loaded (a build under /tmp is reached through copies).
+     */
+    static Result console(String... args) throws Exception {
+        List<String> command = new ArrayList<>();
+        command.add(property("nfsengine.console"));
+        command.addAll(Arrays.asList(args));
+        ProcessBuilder pb = processBuilder(command.toArray(new String[0]));
+        pb.environment().put("LD_LIBRARY_PATH",
+                             java.nio.file.Path.of(property("nfsengine.library")).getParent().toString());
+        return run(pb, command.toArray(new String[0]));
+    }
+
+    /**
      * A child process of the test. A sanitizer runtime preloaded into the JVM
      * is not passed on: the children are sanitized programs with their own.
      */
@@ -117,7 +131,10 @@ final class TestKit {
     }
 
     static Result run(String... command) throws Exception {
-        ProcessBuilder pb = processBuilder(command);
+        return run(processBuilder(command), command);
+    }
+
+    static Result run(ProcessBuilder pb, String... command) throws Exception {
         Process p = pb.start();
         ByteArrayOutputStream out = new ByteArrayOutputStream();
         try (InputStream in = p.getInputStream()) {
