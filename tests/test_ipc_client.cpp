@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "IpcServerThread.h"
@@ -285,20 +286,24 @@ private:
 
 class IpcClientVersions : public IpcClientTest {
 protected:
-    void Serve(OlderServer& server) {
+    // The server outlives the thread that serves it: both end in TearDown.
+    OlderServer& Serve(const char* version) {
+        server_ = std::make_unique<OlderServer>(version);
         char err[ERROR_TEXT_SIZE] = "";
-        ASSERT_TRUE(thread_.Open(CHANNEL, &server, err)) << err;
+        EXPECT_TRUE(thread_.Open(CHANNEL, server_.get(), err)) << err;
+        return *server_;
     }
     void TearDown() override {
         thread_.Close();
+        server_.reset();
         IpcClientTest::TearDown();
     }
+    std::unique_ptr<OlderServer> server_;
     CIpcServerThread thread_;
 };
 
 TEST_F(IpcClientVersions, AVersion10ServerGivesStatus1Or3WithoutTheStatusRequest) {
-    OlderServer old("1.0");
-    Serve(old);
+    OlderServer& old = Serve("1.0");
     EXPECT_EQ(1, client_.GetServerStatus());
     old.running = true;
     EXPECT_EQ(3, client_.GetServerStatus());
@@ -310,8 +315,7 @@ TEST_F(IpcClientVersions, AVersion10ServerGivesStatus1Or3WithoutTheStatusRequest
 }
 
 TEST_F(IpcClientVersions, AVersion11ServerAnswersStatusButNoVSphereRequests) {
-    OlderServer old("1.1");
-    Serve(old);
+    OlderServer& old = Serve("1.1");
     EXPECT_EQ(5, client_.GetServerStatus());
     EXPECT_EQ(1, old.statusCalls);
     EXPECT_TRUE(client_.SetDebugActionEnabled(true));
@@ -323,8 +327,7 @@ TEST_F(IpcClientVersions, AVersion11ServerAnswersStatusButNoVSphereRequests) {
 }
 
 TEST_F(IpcClientVersions, AVersion12ServerTakesVSphereButNoNetworkDeviceRequests) {
-    OlderServer old("1.2");
-    Serve(old);
+    OlderServer& old = Serve("1.2");
     EXPECT_EQ(4, client_.GetVSphereInfo(false));
     client_.AddVSphereInfo("m", "h", "p", "u", "w");
     EXPECT_EQ(2, old.vsphereCalls);

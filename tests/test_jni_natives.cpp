@@ -72,9 +72,11 @@ protected:
         jclass classClass = env_->FindClass("java/lang/Class");
         jmethodID getName = env_->GetMethodID(classClass, "getName", "()Ljava/lang/String;");
         jstring name = static_cast<jstring>(env_->CallObjectMethod(cls, getName));
+        if (env_->ExceptionCheck()) env_->ExceptionClear();
         jclass throwable = env_->FindClass("java/lang/Throwable");
         jmethodID getMessage = env_->GetMethodID(throwable, "getMessage", "()Ljava/lang/String;");
         jstring message = static_cast<jstring>(env_->CallObjectMethod(ex, getMessage));
+        if (env_->ExceptionCheck()) env_->ExceptionClear();
         std::string text = Utf(name) + ": " + Utf(message);
         return text;
     }
