@@ -1,5 +1,6 @@
 // The cache of open descriptors and the file operations by path, on real
 // files in temporary folders.
+#include <algorithm>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -217,7 +218,9 @@ TEST(DescriptorCache, AnExhaustedDescriptorTableThinsTheCacheAndRetries) {
         if (IsOpen(fd)) highest = fd;
     const int cached = 15;
     struct rlimit tight = old;
-    tight.rlim_cur = (rlim_t)(highest + 1 + cached + 20);
+    // At least 128, so that the cache may hold more rows than the test
+    // caches however few descriptors the process had open before.
+    tight.rlim_cur = (rlim_t)std::max(highest + 1 + cached + 20, 128);
     for (int i = 0; i <= cached + 1; ++i) WriteWholeFile(dir / std::to_string(i), "x");
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
     ASSERT_GT(CUtilities::MaxCachedFileHandles(), (size_t)cached + 1);
