@@ -21,12 +21,9 @@
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
-#include <net/if.h>
 #include <nfsc/libnfs.h>
 #include <poll.h>
 #include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +37,7 @@
 #include <string>
 #include <vector>
 
+#include "LoopbackBench.h"
 #include "NfsMain.h"
 #include "RedirectedFile.h"
 #include "ScatteredLayout.h"
@@ -78,42 +76,9 @@ bool EnterPrivateNetwork() {
         perror("unshare(CLONE_NEWNET)");
         return false;
     }
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd == -1) return false;
-    ifreq ifr{};
-    snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "lo");
-    bool ok = ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
-    if (ok) {
-        ifr.ifr_flags = (short)(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
-        ok = ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
-    }
-    close(fd);
-    if (!ok) perror("bring lo up");
-    return ok;
-}
-
-// Byte i of the content.
-void Fill(long long offset, char* out, size_t n) {
-    for (size_t i = 0; i < n; ++i) {
-        unsigned long long p = (unsigned long long)offset + i;
-        out[i] = (char)((p * 2654435761ull) >> 13 ^ (p >> 20));
-    }
-}
-
-void WriteFile(const std::string& path, const std::vector<std::pair<long long, long long>>& pieces) {
-    // pieces: (content offset, length), written one after the other.
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd == -1) abort();
-    std::vector<char> buffer((size_t)MiB);
-    for (const auto& piece : pieces) {
-        for (long long done = 0; done < piece.second;) {
-            size_t n = (size_t)std::min<long long>(MiB, piece.second - done);
-            Fill(piece.first + done, buffer.data(), n);
-            if (write(fd, buffer.data(), n) != (ssize_t)n) abort();
-            done += (long long)n;
-        }
-    }
-    close(fd);
+    if (BringLoopbackUp()) return true;
+    perror("bring lo up");
+    return false;
 }
 
 // An exported folder holding the plain file, the redirected file's local
