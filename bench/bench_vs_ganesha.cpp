@@ -21,6 +21,8 @@
 //   NFS_VS_GANESHA_ENGINE the console program (../nfsengine beside bench/)
 //   NFS_VS_GANESHA_BIN, NFS_VS_GANESHA_RPCBIND, NFS_VS_GANESHA_STRACE
 //                         ganesha.nfsd, rpcbind and strace
+//   NFS_VS_GANESHA_KEEP   set: keep the temporary folder (logs of both
+//                         servers, ganesha's configuration, strace output)
 //
 // Must run as root. Run through scripts/bench-vs-ganesha.sh.
 #include <benchmark/benchmark.h>
@@ -42,6 +44,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -90,6 +93,7 @@ std::string EnvText(const char* name, const std::string& fallback) {
 pid_t g_children[32];
 int g_childCount = 0;
 char g_tempFolder[PATH_MAX] = "";
+bool g_keep = false;  // NFS_VS_GANESHA_KEEP: leave the folder (logs, traces) for a look
 
 void AddChild(pid_t pid) {
     if (g_childCount == (int)(sizeof g_children / sizeof g_children[0])) {
@@ -112,6 +116,12 @@ void KillAllAndRemove() {
     for (int i = 0; i < g_childCount; ++i)
         if (g_children[i] > 0) waitpid(g_children[i], nullptr, 0);
     g_childCount = 0;
+    if (g_tempFolder[0] && g_keep) {
+        static const char kept[] = "bench_vs_ganesha: kept the temporary folder (NFS_VS_GANESHA_KEEP)\n";
+        ssize_t written = write(2, kept, sizeof kept - 1);
+        (void)written;
+        g_tempFolder[0] = '\0';
+    }
     if (g_tempFolder[0]) {
         pid_t pid = fork();
         if (pid == 0) {
@@ -314,6 +324,14 @@ public:
         m_rpcbind = -1;
     }
 
+    // Whether the server process has ended (it is reaped then).
+    bool Ended() {
+        if (m_pid <= 0 || waitpid(m_pid, nullptr, WNOHANG) != m_pid) return false;
+        ForgetChild(m_pid);
+        m_pid = -1;
+        return true;
+    }
+
     // User plus system CPU seconds of the server process, all its threads.
     double CpuSeconds() const {
         char path[64];
@@ -434,7 +452,7 @@ rpc_context* Connect(int port) {
 
 // The root handle of the server's export from a MOUNT call, retried while
 // the server starts (up to 30 seconds).
-Handle MountRoot(const Server& server) {
+Handle MountRoot(Server& server) {
     server.Ns().Enter();
     struct Result {
         bool done = false;
@@ -453,6 +471,7 @@ Handle MountRoot(const Server& server) {
     std::vector<char> name(server.MountPath().begin(), server.MountPath().end());
     name.push_back('\0');
     for (double end = Now() + 30; !result.ok; usleep(100000)) {
+        if (server.Ended()) Fail("%s ended at start (NFS_VS_GANESHA_KEEP=1 keeps its log)", server.Name());
         if (Now() > end) Fail("MOUNT of %s on %s failed", server.MountPath().c_str(), server.Name());
         rpc_context* rpc = Connect(1058);
         if (!rpc) continue;
@@ -570,15 +589,15 @@ struct Tally {
 // One row of the final table: a value per server and repetition.
 struct Row {
     std::string figure;
-    bool higherBetter;
+    const char* better;  // "higher", "lower", or "-" for a count to read
     std::vector<double> engine, ganesha, ratio;
 };
 std::vector<Row> g_rows;
 
-Row& RowOf(const std::string& figure, bool higherBetter) {
+Row& RowOf(const std::string& figure, const char* better) {
     for (Row& row : g_rows)
         if (row.figure == figure) return row;
-    g_rows.push_back(Row{figure, higherBetter, {}, {}, {}});
+    g_rows.push_back(Row{figure, better, {}, {}, {}});
     return g_rows.back();
 }
 
@@ -589,7 +608,7 @@ void Report(benchmark::State& state, const std::string& key, const std::string& 
     state.counters[key + "_engine"] = engine;
     state.counters[key + "_ganesha"] = ganesha;
     state.counters[key + "_ratio"] = engine / ganesha;
-    Row& row = RowOf(figure, higherBetter);
+    Row& row = RowOf(figure, higherBetter ? "higher" : "lower");
     row.engine.push_back(engine);
     row.ganesha.push_back(ganesha);
     row.ratio.push_back(engine / ganesha);
@@ -1025,9 +1044,9 @@ void EngineSyncs(benchmark::State& state) {
     }
     state.counters["syncs_per_write"] = syncs / writes;
     state.counters["dsync_opens"] = syncOpens;
-    Row& row = RowOf("engine sync calls per WRITE, " + std::to_string(depth) + " in flight (untimed, strace)", false);
+    Row& row = RowOf("engine sync calls per WRITE, " + std::to_string(depth) + " in flight (untimed, strace)", "-");
     row.engine.push_back(syncs / writes);
-    Row& opens = RowOf("engine files opened O_DSYNC/O_SYNC during those WRITEs", false);
+    Row& opens = RowOf("engine files opened O_DSYNC/O_SYNC during those WRITEs", "-");
     opens.engine.push_back(syncOpens);
 }
 
@@ -1038,17 +1057,27 @@ double Median(std::vector<double> v) {
     return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
 }
 
+std::string Format(double v) {
+    char text[32];
+    snprintf(text, sizeof text, v >= 100 ? "%.0f" : v >= 10 ? "%.1f" : "%.3g", v);
+    std::string out = text;
+    // Thousands separators in the integer part.
+    size_t end = out.find('.') == std::string::npos ? out.size() : out.find('.');
+    for (size_t at = end; at > 3 && isdigit((unsigned char)out[at - 4]); at -= 3) out.insert(at - 3, ",");
+    return out;
+}
+
 void PrintTable() {
-    printf("\nMedians over the repetitions; ratio = engine / ganesha of each repetition, then its median.\n");
+    printf("\nMedians over the repetitions; ratio = engine / ganesha in each repetition, then its median;\n"
+           "\"better\" says whether a higher or a lower ratio favours the engine.\n");
     printf("| figure | engine | ganesha | ratio | better |\n|---|---|---|---|---|\n");
     for (const Row& row : g_rows) {
         if (row.ganesha.empty()) {
-            printf("| %s | %.3g | - | - | %s |\n", row.figure.c_str(), Median(row.engine),
-                   row.higherBetter ? "higher" : "lower");
+            printf("| %s | %s | - | - | %s |\n", row.figure.c_str(), Format(Median(row.engine)).c_str(), row.better);
             continue;
         }
-        printf("| %s | %.4g | %.4g | %.3f | %s |\n", row.figure.c_str(), Median(row.engine), Median(row.ganesha),
-               Median(row.ratio), row.higherBetter ? "higher" : "lower");
+        printf("| %s | %s | %s | %.3f | %s |\n", row.figure.c_str(), Format(Median(row.engine)).c_str(),
+               Format(Median(row.ganesha)).c_str(), Median(row.ratio), row.better);
     }
 }
 
@@ -1070,6 +1099,7 @@ void Prepare(Bench& b) {
     name.push_back('\0');
     if (!mkdtemp(name.data())) Fail("mkdtemp %s: %s", pattern.c_str(), strerror(errno));
     snprintf(g_tempFolder, sizeof g_tempFolder, "%s", name.data());
+    g_keep = getenv("NFS_VS_GANESHA_KEEP") != nullptr;
     b.folder = std::string(name.data()) + "/data";
     b.run = std::string(name.data()) + "/run";
     if (mkdir(b.folder.c_str(), 0755) != 0 || mkdir(b.run.c_str(), 0755) != 0) Fail("mkdir: %s", strerror(errno));
