@@ -69,7 +69,7 @@ constexpr int DEPTH = 16;
 constexpr int CLIENTS = 10;
 constexpr int BIG_FOLDER = 10000;
 constexpr int SMALL_FOLDER = 1000;
-// READDIRPLUS sizes of a Linux client with default mount options.
+// READDIRPLUS sizes asked for: bytes of names and cookies, bytes of reply.
 constexpr uint32_t DIRCOUNT = 8192;
 constexpr uint32_t MAXCOUNT = 32768;
 constexpr int SYNC_COUNT_WRITES = 1024;  // WRITEs of each traced pass
