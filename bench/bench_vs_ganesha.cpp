@@ -1059,7 +1059,7 @@ double Median(std::vector<double> v) {
 
 std::string Format(double v) {
     char text[32];
-    snprintf(text, sizeof text, v >= 100 ? "%.0f" : v >= 10 ? "%.1f" : "%.3g", v);
+    snprintf(text, sizeof text, v >= 100 ? "%.0f" : "%.3g", v);
     std::string out = text;
     // Thousands separators in the integer part.
     size_t end = out.find('.') == std::string::npos ? out.size() : out.find('.');
