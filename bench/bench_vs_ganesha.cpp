@@ -267,7 +267,7 @@ public:
     const std::string& MountPath() const { return m_mountPath; }
 
     // The engine's console program serving folder; under strace when
-    // traceFile is set (then the process counted is strace's child).
+    // traceFile is set (then the process is strace, and its CPU says nothing).
     void StartEngine(const std::string& program, const std::string& folder, const std::string& log,
                      const std::string& traceFile = "") {
         int in[2];
@@ -813,7 +813,12 @@ bool ListPass(rpc_context* rpc, Handle& dir, int count, double* seconds, long lo
                 memcpy(verifier, resok.cookieverf, sizeof verifier);
                 eof = resok.reply.eof != 0;
                 bool progress = false;
-                for (entryplus3* e = resok.reply.entries; e; e = e->nextentry) {
+                // libnfs may place the entries at addresses not aligned for
+                // them: each is copied out before use.
+                entryplus3 entry;
+                for (const void* at = resok.reply.entries; at; at = entry.nextentry) {
+                    memcpy(&entry, at, sizeof entry);
+                    const entryplus3* e = &entry;
                     cookie = e->cookie;
                     progress = true;
                     if (!strcmp(e->name, ".") || !strcmp(e->name, "..")) continue;
@@ -1106,7 +1111,10 @@ void Prepare(Bench& b) {
     b.fileBytes = EnvNumber("NFS_VS_GANESHA_MIB", 256) * MiB;
     b.callsPerPass = EnvNumber("NFS_VS_GANESHA_CALLS", 20000);
     b.engineProgram = EnvText("NFS_VS_GANESHA_ENGINE", DefaultEngineProgram());
-    if (access(b.engineProgram.c_str(), X_OK) != 0) Fail("no console program at %s", b.engineProgram.c_str());
+    char absolute[PATH_MAX];  // the servers start in /
+    if (access(b.engineProgram.c_str(), X_OK) != 0 || !realpath(b.engineProgram.c_str(), absolute))
+        Fail("no console program at %s", b.engineProgram.c_str());
+    b.engineProgram = absolute;
     fprintf(stderr, "data in %s\n", b.folder.c_str());
     WriteFile(b.folder + "/read.bin", {{0, b.fileBytes}});
     for (int k = 0; k < CLIENTS; ++k)

@@ -48,8 +48,11 @@ fi
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DNFSENGINE_TESTS=OFF >/dev/null
 cmake --build "$build" -j2 --target nfsengine_console bench_vs_ganesha
 
-$SUDO env NFS_VS_GANESHA_MIB="$mib" NFS_VS_GANESHA_CALLS="$calls" \
-  NFS_VS_GANESHA_DIR="${NFS_VS_GANESHA_DIR:-/var/tmp}" \
+# The program removes its data folder at exit; this one also goes when it
+# crashes.
+parent=$($SUDO mktemp -d "${NFS_VS_GANESHA_DIR:-/var/tmp}/nfs-vs-ganesha-run.XXXXXX")
+trap '$SUDO rm -rf "$parent"' EXIT
+$SUDO env NFS_VS_GANESHA_MIB="$mib" NFS_VS_GANESHA_CALLS="$calls" NFS_VS_GANESHA_DIR="$parent" \
   "$build/bench/bench_vs_ganesha" --benchmark_repetitions="$repetitions" \
   --benchmark_report_aggregates_only=true ${args[@]+"${args[@]}"} 2>&1 | tee "$build/bench-vs-ganesha.txt"
 exit "${PIPESTATUS[0]}"
