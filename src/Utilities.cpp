@@ -770,17 +770,23 @@ void CUtilities::Reset(CRuntimeParam* rp, LogArgu* la) {
 // whose open failed all carry -1, so a key already taken within the same
 // second gets "#n" added; '#' sorts below every digit and '-', so the order
 // by (second, descriptor text) is kept.
-std::string CUtilities::NewTimeKey(int fd) {
+std::string CUtilities::NewTimeKey(int fd, time_t now) {
     char base[48];
-    snprintf(base, sizeof base, "%016llu%d", (unsigned long long)time(nullptr), fd);
+    snprintf(base, sizeof base, "%016llu%d", (unsigned long long)now, fd);
     std::string key = base;
     for (unsigned n = 1; m_OpenedFileLastAccessList.count(key) != 0; ++n)
         key = std::string(base) + "#" + std::to_string(n);
     return key;
 }
 
-void CUtilities::CloseCachedRow(CRuntimeParam* rp, LogArgu* la,
-                                std::map<std::string, OpenedFileInfo>::iterator row) {
+// The whole seconds a last-access key starts with.
+static time_t KeySecond(const std::string& key) {
+    unsigned long long seconds = 0;
+    for (size_t i = 0; i < 16 && i < key.size(); ++i) seconds = seconds * 10 + (unsigned)(key[i] - '0');
+    return (time_t)seconds;
+}
+
+void CUtilities::CloseCachedRow(CRuntimeParam* rp, LogArgu* la, OpenedFileMap::iterator row) {
     m_OpenedFileLastAccessList.erase(row->second.sTimeKey);
     if (row->second.iFile != -1) OS_FileClose(rp, la, row->second.sPath.c_str(), row->second.iFile, nullptr);
     m_OpenedFileHandles.erase(row);
@@ -789,8 +795,13 @@ void CUtilities::CloseCachedRow(CRuntimeParam* rp, LogArgu* la,
 int CUtilities::GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* pcPath, bool bAlwaysReadWrite) {
     if (pcPath == nullptr || *pcPath == '\0') return -1;
     std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
-    OpenedFileInfo copy;
+    const time_t now = time(nullptr);
     auto found = m_OpenedFileHandles.find(pcPath);
+    // An open row already touched within this second would get back the
+    // very key it has: nothing to refresh.
+    if (found != m_OpenedFileHandles.end() && found->second.iFile != -1 && KeySecond(found->second.sTimeKey) == now)
+        return found->second.iFile;
+    OpenedFileInfo copy;
     if (found != m_OpenedFileHandles.end()) copy = found->second;
     if (copy.iFile == -1) {
         if (m_OpenedFileHandles.size() >= MaxCachedFileHandles()) CloseExceededCachedFileHandle(rp, la);
@@ -804,7 +815,7 @@ int CUtilities::GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* 
     // the next access retries it. Thinning may have dropped the old entry.
     auto old = m_OpenedFileLastAccessList.find(copy.sTimeKey);
     if (old != m_OpenedFileLastAccessList.end() && old->second == pcPath) m_OpenedFileLastAccessList.erase(old);
-    copy.sTimeKey = NewTimeKey(copy.iFile);
+    copy.sTimeKey = NewTimeKey(copy.iFile, now);
     m_OpenedFileLastAccessList[copy.sTimeKey] = pcPath;
     m_OpenedFileHandles[pcPath] = copy;
     return copy.iFile;
@@ -863,6 +874,18 @@ int CUtilities::ReadFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, uns
     }
     int fd = GetCachedFileHandle(rp, la, pcPath, false);
     if (fd == -1) return -1;
+    if (iSeekType == SEEK_SET && iSeek <= (unsigned long long)INT64_MAX) {
+        // One positional read and the size from the descriptor: the same
+        // count and end-of-file answer as seeking, reading and seeking to
+        // the end, at half the system calls.
+        // The system refuses a positional read that would end past 2^63 - 1.
+        const unsigned long long room = (unsigned long long)INT64_MAX - iSeek;
+        const unsigned int len = iLen < room ? iLen : (unsigned int)room;
+        int count = OS_FileReadAt(rp, la, fd, pvBuf, len, (long long)iSeek, nullptr);
+        struct stat st;
+        *pbEof = fstat(fd, &st) != 0 || (long long)iSeek + (count > 0 ? count : 0) >= (long long)st.st_size;
+        return count;
+    }
     OS_FileSeek(rp, la, fd, (long long)iSeek, iSeekType, nullptr);
     int count = OS_FileRead(rp, la, fd, pvBuf, iLen, nullptr);
     long long position = OS_FileTell(rp, la, fd, nullptr);

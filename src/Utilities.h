@@ -313,7 +313,8 @@ protected:
 
     // Descriptor cache: path -> descriptor, and time key -> path ordered by
     // last access.
-    std::map<std::string, OpenedFileInfo> m_OpenedFileHandles;
+    using OpenedFileMap = std::map<std::string, OpenedFileInfo, std::less<>>;  // found by const char* too
+    OpenedFileMap m_OpenedFileHandles;
     std::map<std::string, std::string> m_OpenedFileLastAccessList;
     std::recursive_mutex m_hMutexOpenedFileHandles;
 
@@ -336,8 +337,8 @@ protected:
     bool FindMountConflict(CRuntimeParam* rp, LogArgu* la, const char* localPath, const char* exportName,
                            char* err);
     // Descriptor cache helpers (cache mutex held).
-    std::string NewTimeKey(int fd);
-    void CloseCachedRow(CRuntimeParam* rp, LogArgu* la, std::map<std::string, OpenedFileInfo>::iterator row);
+    std::string NewTimeKey(int fd, time_t now);
+    void CloseCachedRow(CRuntimeParam* rp, LogArgu* la, OpenedFileMap::iterator row);
 
     // ---- members of the redirected-file registry -----------------------------
     // Lock order: registry, then the descriptor cache and the tables after it

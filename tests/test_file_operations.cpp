@@ -339,6 +339,28 @@ TEST(FileOperations, ReadSetsEndOfFileByPositionAgainstSize) {
     EXPECT_EQ(-1, s.u.ReadFile(&s.quiet, &la, (dir / "missing").c_str(), 0, 0, nullptr, 0, nullptr));
 }
 
+TEST(FileOperations, AReadDoesNotDependOnWhereTheDescriptorStands) {
+    TempDir dir;
+    Service s;
+    std::string path = dir / "f";
+    WriteWholeFile(path, "0123456789");
+    bool eof = true;
+    std::string data;
+    EXPECT_EQ(4, s.Read(path, 2, 4, &eof, &data));
+    EXPECT_EQ("2345", data);
+    EXPECT_FALSE(eof);
+    // Asking for the size leaves the shared descriptor at the end.
+    EXPECT_EQ(10, s.u.GetFileSize(&s.quiet, &la, path.c_str(), -1));
+    EXPECT_EQ(4, s.Read(path, 6, 4, &eof, &data));
+    EXPECT_EQ("6789", data);
+    EXPECT_TRUE(eof);  // the read ends where the file does
+    EXPECT_EQ(3, s.Read(path, 0, 3, &eof, &data));
+    EXPECT_EQ("012", data);
+    EXPECT_FALSE(eof);
+    EXPECT_EQ(1u, s.u.CachedCount());
+    EXPECT_TRUE(s.u.Consistent());
+}
+
 TEST(FileOperations, ReadAndWriteLogLines) {
     TempDir dir;
     Service s;
