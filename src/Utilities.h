@@ -344,7 +344,7 @@ protected:
     // Lock order: registry, then the descriptor cache and the tables after it
     // (the files open their descriptors through the cache). Reads through a
     // borrowed file run without the registry mutex.
-    std::map<std::string, std::unique_ptr<CRedirectedFile>> m_mRedirectedFiles;
+    std::map<std::string, std::unique_ptr<CRedirectedFile>, std::less<>> m_mRedirectedFiles;
     std::mutex m_hMutexRedirectedFiles;
 
     // ---- members of the platform tests, system commands, vSphere records ----
