@@ -24,8 +24,10 @@ TempDir::TempDir() {
     m_path = buf.data();
 }
 
-static int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-    chmod(path, 0700);  // folders made unreadable by a test must still go
+static int RemoveEntry(const char* path, const struct stat*, int type, struct FTW*) {
+    // Folders made unreadable by a test must still go. A link is never
+    // followed: chmod through it would change whatever it points at.
+    if (type == FTW_DP || type == FTW_DNR) chmod(path, 0700);
     return remove(path);
 }
 
