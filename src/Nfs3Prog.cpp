@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "Socket.h"
+#include "StableBatch.h"
 
 namespace {
 
@@ -297,6 +299,10 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* in, COutputStream* out, ProcessPar
             c.argu.pcName, (long long)guard.obj_ctime.seconds, (long long)before.ctime.seconds);
     }
     if (c.stat == NFS3_OK) c.stat = ApplyAttributes(c, attr);
+    // A new size is stable before the reply; a redirected file's size is
+    // its controller's.
+    if (c.stat == NFS3_OK && attr.size.set_it && !m_pUtilities->GetRedirectedFile(c.path))
+        c.stat = SyncBeforeReply(c, CStableBatch::OpenForSync(c.path, false), false, 1);
     WriteStatus(c);
     WriteEmptyWccData(out);
     return End(c);
@@ -532,7 +538,9 @@ nfsstat3 CNfs3Prog::ReadIntoReply(NfsCall& c, uint64_t offset, uint32_t count, u
     // The data goes where it will be sent, behind the status and the header
     // that follows it. Nothing is written into the reply before the read
     // succeeds, so that a failure leaves no trace of it.
-    const uint32_t free = c.out->GetFreeBufferSize();
+    // The room is taken from the reply's own start, whatever replies stand
+    // before it; the batch leaves at least 64 KiB and a header free.
+    const uint32_t free = c.out->GetFreeReplySize();
     const uint32_t room = free > READ_HEADER_SIZE ? free - READ_HEADER_SIZE : 0;
     if (count > room) {
         Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Count bigger than free buffer (path=%s, offset=%llu length=%u)",
@@ -543,7 +551,10 @@ nfsstat3 CNfs3Prog::ReadIntoReply(NfsCall& c, uint64_t offset, uint32_t count, u
     // an offset is past the end (a failed seek would read wherever the
     // cached descriptor happens to stand).
     if (count == 0 || offset > (uint64_t)INT64_MAX) return NFS3_OK;
-    const uint32_t cap = c.param && c.param->iTransport == CSocket::TYPE_UDP ? READ_MAX_DATAGRAM_COUNT : READ_MAX_COUNT;
+    uint32_t cap = c.param && c.param->iTransport == CSocket::TYPE_UDP ? READ_MAX_DATAGRAM_COUNT : READ_MAX_COUNT;
+    // Never past the buffer itself.
+    const uint32_t left = c.out->GetFreeBufferSize();
+    if (cap > left - std::min(left, READ_HEADER_SIZE)) cap = left - std::min(left, READ_HEADER_SIZE);
     int result = m_pUtilities->ReadFile(c.rp, &c.argu, c.path, offset, SEEK_SET,
                                         c.out->GetCurrentBuffer() + READ_HEADER_SIZE,
                                         count < cap ? count : cap, eof);
@@ -579,11 +590,16 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* in, COutputStream* out, ProcessParam
             const uint32_t received = (uint32_t)(in->GetCurrentBuffer() - data.pBuf) + in->GetFilledBufferSize();
             uint32_t length = count < WRITE_MAX_COUNT ? count : WRITE_MAX_COUNT;
             if (length > received) length = received;
-            int result = m_pUtilities->WriteFile(c.rp, &c.argu, c.path, offset, SEEK_SET, data.pBuf, length);
+            CFileDescriptor toSync;
+            int result = m_pUtilities->WriteFile(c.rp, &c.argu, c.path, offset, SEEK_SET, data.pBuf, length,
+                                                 &toSync);
             if (result < 0)
                 c.stat = NFS3ERR_INVAL;
             else
                 written = (uint32_t)result;
+            // FILE_SYNC is true: the data is on stable storage before the
+            // reply leaves. A redirected file is answered by its controller.
+            if (result > 0 && toSync.IsOpen()) c.stat = SyncBeforeReply(c, std::move(toSync), false, 1);
         }
     }
     if (c.stat != NFS3_OK) {
@@ -594,7 +610,7 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* in, COutputStream* out, ProcessParam
     WriteStatus(c);
     WriteEmptyWccData(out);
     WriteUint32(out, written);
-    WriteUint32(out, FILE_SYNC);  // whatever was asked: the data is in the file
+    WriteUint32(out, FILE_SYNC);  // whatever was asked: the data is on stable storage
     WriteUint64(out, m_iSysUpTime);  // the verifier changes only with a new program
     return End(c);
 }
@@ -612,6 +628,27 @@ int CNfs3Prog::ProcedureCOMMIT(CInputStream* in, COutputStream* out, ProcessPara
     return End(c);
 }
 
+nfsstat3 CNfs3Prog::SyncBeforeReply(NfsCall& c, CFileDescriptor fd, bool folder, int wccCount) {
+    if (!fd.IsOpen()) {
+        Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Cannot open to sync: %s", c.argu.pcName, c.path);
+        return NFS3ERR_IO;
+    }
+    if (c.param != nullptr && c.param->pStableBatch != nullptr) {
+        c.param->pStableBatch->Add(std::move(fd), folder, wccCount);
+        return NFS3_OK;
+    }
+    if (CStableBatch::Sync(fd.Get(), folder)) return NFS3_OK;
+    Log(c.rp, CRuntimeParam::LOG_ERROR, "[%s] Sync fail: %s", c.argu.pcName, c.path);
+    return NFS3ERR_IO;
+}
+
+nfsstat3 CNfs3Prog::SyncFolderOf(NfsCall& c, const char* path, int wccCount) {
+    std::string folder = path;
+    const size_t slash = folder.find_last_of('/');
+    folder.resize(slash == std::string::npos ? 0 : slash == 0 ? 1 : slash);
+    return SyncBeforeReply(c, CStableBatch::OpenForSync(folder.c_str(), true), true, wccCount);
+}
+
 // ---- namespace procedures ------------------------------------------------------------
 
 int CNfs3Prog::ProcedureCREATE(CInputStream* in, COutputStream* out, ProcessParam* param) {
@@ -627,12 +664,17 @@ int CNfs3Prog::ProcedureCREATE(CInputStream* in, COutputStream* out, ProcessPara
             c.argu.pcName, (int)how.mode, (int)existed);
         // EXCLUSIVE is taken as UNCHECKED: its verifier is neither kept nor
         // compared, and its attributes are all unset.
+        CFileDescriptor created;
         if (how.mode > EXCLUSIVE)
             c.stat = NFS3ERR_IO;
         else if (how.mode == GUARDED && existed)
             c.stat = NFS3ERR_EXIST;
-        else if (!m_pUtilities->NewFile(c.rp, &c.argu, c.path) || ApplyAttributes(c, how.obj_attributes) != NFS3_OK)
+        else if (!m_pUtilities->NewFile(c.rp, &c.argu, c.path, &created) ||
+                 ApplyAttributes(c, how.obj_attributes) != NFS3_OK)
             c.stat = NFS3ERR_IO;
+        // The new file, its size and its entry are stable before the reply.
+        if (c.stat == NFS3_OK) c.stat = SyncBeforeReply(c, std::move(created), false, 1);
+        if (c.stat == NFS3_OK) c.stat = SyncFolderOf(c, c.path, 1);
         Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Is file exist after create: %d", c.argu.pcName,
             (int)CUtilities::OS_IsFileExists(c.path, nullptr));
     }
@@ -651,6 +693,7 @@ int CNfs3Prog::ProcedureMKDIR(CInputStream* in, COutputStream* out, ProcessParam
     int mode = attr.mode.set_it ? (int)attr.mode.mode : DEFAULT_FOLDER_MODE;
     if (c.stat == NFS3_OK && m_pUtilities->OS_FolderCreate(c.rp, &c.argu, c.path, mode, nullptr) == -1)
         c.stat = NFS3ERR_IO;
+    if (c.stat == NFS3_OK) c.stat = SyncFolderOf(c, c.path, 1);
     WriteNewEntryReply(c, c.path);
     return End(c);
 }
@@ -686,6 +729,7 @@ int CNfs3Prog::ProcedureREMOVE(CInputStream* in, COutputStream* out, ProcessPara
     ReadEntry(c, args);
     c.stat = CheckOldEntry(c);
     if (c.stat == NFS3_OK && !m_pUtilities->RemoveFile(c.rp, &c.argu, c.path)) c.stat = NFS3ERR_IO;
+    if (c.stat == NFS3_OK) c.stat = SyncFolderOf(c, c.path, 1);
     return EndWithWccData(c);
 }
 
@@ -697,6 +741,7 @@ int CNfs3Prog::ProcedureRMDIR(CInputStream* in, COutputStream* out, ProcessParam
     // A folder that is not empty is refused by the system: NFS3ERR_IO.
     if (c.stat == NFS3_OK && m_pUtilities->OS_FolderRemove(c.rp, &c.argu, c.path, nullptr) == -1)
         c.stat = NFS3ERR_IO;
+    if (c.stat == NFS3_OK) c.stat = SyncFolderOf(c, c.path, 1);
     return EndWithWccData(c);
 }
 
@@ -725,6 +770,8 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* in, COutputStream* out, ProcessPara
     }
     // The file table row moves with the file, so that its handles follow it.
     if (c.stat == NFS3_OK && !m_pUtilities->RenameFile(c.rp, &c.argu, c.path, toPath)) c.stat = NFS3ERR_IO;
+    if (c.stat == NFS3_OK) c.stat = SyncFolderOf(c, c.path, 2);
+    if (c.stat == NFS3_OK) c.stat = SyncFolderOf(c, toPath, 2);
     return EndWithWccData(c, 2);  // fromdir_wcc, todir_wcc
 }
 

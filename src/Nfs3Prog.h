@@ -401,6 +401,14 @@ protected:
     // read straight into the reply where the data goes, behind the status
     // and the header still to be written.
     nfsstat3 ReadIntoReply(NfsCall& c, uint64_t offset, uint32_t count, uint32_t* read, bool* eof);
+    // Puts the change behind fd on stable storage before the reply leaves
+    // (fdatasync of a file, fsync of a folder): in the connection's batch
+    // when there is one, else at once. NFS3ERR_IO when fd is closed or the
+    // sync fails; a failure in the batch turns the reply into NFS3ERR_IO
+    // with wccCount empty wcc_data.
+    nfsstat3 SyncBeforeReply(NfsCall& c, CFileDescriptor fd, bool folder, int wccCount);
+    // The same for the folder holding the entry path.
+    nfsstat3 SyncFolderOf(NfsCall& c, const char* path, int wccCount);
 
     unsigned int m_iUId = 0;
     unsigned int m_iGId = 0;

@@ -50,6 +50,7 @@ uint32_t COutputStream::WriteRemainOpaque(uint32_t len) {
 }
 
 void COutputStream::FreeBuffer(uint32_t n) {
+    m_iReplyStart = 0;
     if (m_iSize > n) {
         memmove(m_pcBuffer, m_pcBuffer + n, m_iSize - n);
         m_iSize -= n;

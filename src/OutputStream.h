@@ -22,5 +22,22 @@ public:
     uint32_t GetBufferIndex() const { return m_iIndex; }
     uint32_t GetFreeBufferSize() const { return m_iIndex < MAX_BUFFER_SIZE ? MAX_BUFFER_SIZE - m_iIndex : 0; }
     unsigned char* GetCurrentBuffer() { return m_pcBuffer + m_iIndex; }
-    void ResetBuffer() { m_iIndex = m_iSize = 0; }
+    void ResetBuffer() { m_iIndex = m_iSize = m_iReplyStart = 0; }
+
+    // Several replies may share the buffer until they are sent. A handler's
+    // room checks are taken from the start of its own reply, as if it began
+    // an empty buffer, so that no result depends on the replies before it.
+    void MarkReplyStart() { m_iReplyStart = m_iIndex; }
+    uint32_t GetFreeReplySize() const {
+        const uint32_t used = m_iIndex > m_iReplyStart ? m_iIndex - m_iReplyStart : 0;
+        return used < MAX_BUFFER_SIZE ? MAX_BUFFER_SIZE - used : 0;
+    }
+    // Takes back everything from size on (a reply that is not to be sent).
+    void CutBack(uint32_t size) {
+        if (size < m_iSize) m_iSize = size;
+        m_iIndex = m_iSize;
+    }
+
+private:
+    uint32_t m_iReplyStart = 0;
 };

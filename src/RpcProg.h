@@ -6,6 +6,7 @@
 class CInputStream;
 class COutputStream;
 class CRuntimeParam;
+class CStableBatch;
 class CUtilities;
 
 // What a program learns about one call.
@@ -15,6 +16,9 @@ struct ProcessParam {
     std::string sRemoteAddr;       // the caller's IPv4 address, dotted
     int iTransport = 1;            // the socket type: 1 TCP, 2 UDP
     CRuntimeParam* pRuntimeParam = nullptr;
+    // What the call changed is synced here before its reply leaves; null
+    // when the call runs alone (the program then syncs at once).
+    CStableBatch* pStableBatch = nullptr;
 };
 
 // Base of every RPC program served by the dispatcher. Process decodes the

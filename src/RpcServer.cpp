@@ -10,6 +10,7 @@
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "RpcProg.h"
+#include "StableBatch.h"
 #include "Utilities.h"
 
 namespace {
@@ -111,19 +112,30 @@ void CRpcServer::Log(bool enabled, bool error, const char* fmt, ...) {
 }
 
 void CRpcServer::SocketReceived(CSocket* socket) {
-    // Calls are found and run one at a time under the mutex; each reply
-    // leaves once it is released, so that a peer that does not take its
-    // replies holds up only its own connection.
+    // The calls of one receive run one at a time under the mutex and their
+    // replies collect in the output. Once no whole call is left, or the
+    // room left could not hold the largest reply, what they changed is
+    // synced outside the mutex and the replies leave together, so that a
+    // peer that does not take its replies holds up only its own connection.
+    CStableBatch batch;
+    COutputStream* out = socket->GetOutputStream();
     for (bool more = true; more;) {
         {
             std::lock_guard<std::mutex> lock(m_hMutex);
-            more = ExecuteNextCall(socket);
+            more = ExecuteNextCall(socket, &batch);
+        }
+        if (more && out->GetFreeBufferSize() >= CStableBatch::FLUSH_ROOM) continue;
+        int error = 0;
+        if (batch.Flush(out, &error) > 0) {
+            char reason[256] = "";
+            CUtilities::GetLastErrorText(reason, error, sizeof reason);
+            Log(m_pRuntimeParam->IsLogError(), true, "[RpcServer.SocketReceived] Sync failed: %s", reason);
         }
         if (!socket->Send()) break;
     }
 }
 
-bool CRpcServer::ExecuteNextCall(CSocket* socket) {
+bool CRpcServer::ExecuteNextCall(CSocket* socket, CStableBatch* batch) {
     const std::string remoteAddr = socket->GetRemoteAddress();
     m_pRuntimeParam->SetID(remoteAddr.c_str());
     CRuntimeParam* rp = m_pRuntimeParam;
@@ -149,26 +161,29 @@ bool CRpcServer::ExecuteNextCall(CSocket* socket) {
         Log(rp->IsLogRpc(), false, "[%s] Waiting for the rest of the record", la.pcName);
         return false;
     }
+    const uint32_t replyStart = out->GetBufferSize();
     int result;
     if (record == Record::COMPLETE) {
         // The call decodes inside its record only; whatever it leaves
         // unread there is dropped with it.
         const uint32_t received = in->GetBufferSize();
         in->SetBufferSize(callStart + span);
-        result = Process(rp, progId, type, in, out, remoteAddr.c_str());
+        result = Process(rp, progId, type, in, out, remoteAddr.c_str(), batch);
         in->SetBufferSize(received);
         in->SetBufferIndex(callStart + span);
     } else {
         // Datagrams, and marks no buffer could hold: calls are delimited by
         // the header scan alone.
-        result = Process(rp, progId, type, in, out, remoteAddr.c_str());
+        result = Process(rp, progId, type, in, out, remoteAddr.c_str(), batch);
         if (result == CRpcProg::RESULT_TRUNCATED && type == CSocket::TYPE_UDP) {
             // A datagram stands alone: what it lacks never comes.
-            out->ResetBuffer();
+            out->CutBack(replyStart);
+            batch->DropReply();
             Log(rp->IsLogRpc(), false, "[%s] Datagram holds no whole call, dropped", la.pcName);
         } else if (result == CRpcProg::RESULT_TRUNCATED && !LookForValidHeader(rp, &la, progId, type, in, out)) {
             // The call is still arriving: parse it again once the rest is there.
-            out->ResetBuffer();
+            out->CutBack(replyStart);
+            batch->DropReply();
             in->SetBufferIndex(callStart);
             Log(rp->IsLogRpc(), false, "[%s] Reset input buffer postion", la.pcName);
         }
@@ -211,7 +226,7 @@ bool CRpcServer::LookForValidHeader(CRuntimeParam* rp, LogArgu* la, unsigned lon
 }
 
 int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream* in, COutputStream* out,
-                        const char* remoteAddr) {
+                        const char* remoteAddr, CStableBatch* batch) {
     LogArgu la{"RpcServer.Process"};
     const bool tcp = type == CSocket::TYPE_TCP;
     RPC_STM_HEADER h;
@@ -251,7 +266,10 @@ int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream
         Log(true, false, " --- nproc=%u", h.lProc);
     }
 
+    // Replies of earlier calls may stand before this one in the output.
+    out->Seek(out->GetBufferSize(), 0);
     const uint32_t replyStart = out->GetBufferIndex();
+    out->MarkReplyStart();
     if (tcp) out->Write(h.lHeader);  // placeholder of the record mark
     out->Write(h.lXID);
     out->Write(MSG_REPLY);
@@ -259,6 +277,8 @@ int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream
     // Only the verifier's flavor and length are echoed, never its body.
     out->Write(h.verf.lFlavor);
     out->Write(h.verf.lLength);
+    // The program's results follow the accept status.
+    if (batch) batch->BeginReply(replyStart, out->GetBufferIndex() + 4, tcp);
 
     CRpcProg* prog = ProgramFor(h.lProg);
     if (result == CRpcProg::RESULT_GARBAGE_ARGS) {
@@ -278,6 +298,7 @@ int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream
         param.sRemoteAddr = remoteAddr;
         param.pRuntimeParam = m_pRuntimeParam;
         param.iTransport = type;
+        param.pStableBatch = batch;
         result = prog->Process(in, out, &param);
         const uint32_t replyEnd = std::max(out->GetBufferIndex(), out->GetBufferSize());
         if (result == CRpcProg::RESULT_PROC_UNAVAIL || result == CRpcProg::RESULT_GARBAGE_ARGS) {
@@ -287,6 +308,7 @@ int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream
         }
         out->Seek(replyEnd, 0);
     }
+    const bool results = result == CRpcProg::RESULT_DONE;
 
     // Padding the program stepped over at the end is part of the reply:
     // zero it and count it into what is sent.
@@ -301,6 +323,8 @@ int CRpcServer::Process(CRuntimeParam* rp, unsigned long, int type, CInputStream
         // One last fragment holding everything behind the mark.
         out->Seek(replyStart, 0);
         out->Write(end - replyStart + RECORD_MARK_BIAS);
+        out->Seek(end, 0);
     }
+    if (batch) batch->EndReply(end, results);
     return result;
 }

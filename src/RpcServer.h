@@ -9,6 +9,7 @@
 class CInputStream;
 class COutputStream;
 class CRpcProg;
+class CStableBatch;
 class CUtilities;
 
 // Credential or verifier of a call; its body follows on the wire.
@@ -33,7 +34,8 @@ struct RPC_STM_HEADER {
 
 // The ONC RPC dispatcher shared by every socket of the server. It finds call
 // headers in a connection's input, routes each call to the program
-// registered for it and sends the reply. One mutex serialises all RPC work
+// registered for it and sends the replies, once what their calls changed is
+// on stable storage. One mutex serialises all RPC work
 // of the process.
 class CRpcServer : public ISocketListener {
 public:
@@ -55,13 +57,13 @@ private:
     void Log(bool enabled, bool error, const char* fmt, ...) __attribute__((format(printf, 4, 5)));
     CRpcProg* ProgramFor(unsigned long progId) const;
     // Under the mutex: finds and runs the next call of the socket's input,
-    // leaving its reply in the output. True when a further call may follow
-    // in what was received.
-    bool ExecuteNextCall(CSocket* socket);
+    // appending its reply to the output and what it changed to batch. True
+    // when a further call may follow in what was received.
+    bool ExecuteNextCall(CSocket* socket, CStableBatch* batch);
     bool LookForValidHeader(CRuntimeParam* rp, LogArgu* la, unsigned long progId, int type, CInputStream* in,
                             COutputStream* out);
     int Process(CRuntimeParam* rp, unsigned long progId, int type, CInputStream* in, COutputStream* out,
-                const char* remoteAddr);
+                const char* remoteAddr, CStableBatch* batch);
 
     CRpcProg* m_pProgTable[PROGRAM_SLOTS] = {};
     std::mutex m_hMutex;

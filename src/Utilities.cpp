@@ -895,14 +895,28 @@ int CUtilities::ReadFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, uns
 }
 
 int CUtilities::WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek,
-                          int iSeekType, const void* pvBuf, unsigned int iLen) {
+                          int iSeekType, const void* pvBuf, unsigned int iLen, CFileDescriptor* pSync) {
     if (rp && rp->IsLogFileAccess())
         LogInfo(rp, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", NameOf(la), OrEmpty(pcPath),
                 iSeek, iSeekType, iLen);
     // Nothing is written to a redirected file: the controller is told where
     // and how much, and its answer is the count.
     if (GetRedirectedFile(pcPath)) return LogWriteRedirectedFile(rp, pcPath, iSeek, iSeekType, iLen);
-    int fd = GetCachedFileHandle(rp, la, pcPath, false);
+    int fd;
+    if (pSync == nullptr) {
+        fd = GetCachedFileHandle(rp, la, pcPath, false);
+    } else {
+        std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
+        fd = GetCachedFileHandle(rp, la, pcPath, false);
+        pSync->Reset(fd == -1 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0));
+        if (fd != -1 && !pSync->IsOpen() && errno == EMFILE) {
+            // Out of descriptors: cached ones make room, as for an open.
+            CloseExceededCachedFileHandle(rp, la);
+            fd = GetCachedFileHandle(rp, la, pcPath, false);
+            pSync->Reset(fd == -1 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0));
+        }
+        fd = pSync->Get();
+    }
     if (fd == -1) return -1;
     OS_FileSeek(rp, la, fd, (long long)iSeek, iSeekType, nullptr);
     return OS_FileWrite(rp, la, fd, pvBuf, iLen, nullptr);
@@ -916,7 +930,7 @@ long long CUtilities::GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pc
     return size == -1 ? iSize : size;
 }
 
-bool CUtilities::NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
+bool CUtilities::NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, CFileDescriptor* pCreated) {
     pcPath = OrEmpty(pcPath);
     // A link in the file's place would have it made wherever the link points.
     int fd = OS_FileCreate(rp, la, pcPath, nullptr, O_NOFOLLOW);
@@ -926,7 +940,10 @@ bool CUtilities::NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {
         fd = OS_FileCreate(rp, la, pcPath, nullptr, O_NOFOLLOW);
     }
     if (fd == -1) return false;
-    OS_FileClose(rp, la, pcPath, fd, nullptr);
+    if (pCreated != nullptr)
+        pCreated->Reset(fd);
+    else
+        OS_FileClose(rp, la, pcPath, fd, nullptr);
     return true;
 }
 

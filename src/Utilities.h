@@ -14,6 +14,7 @@
 
 #include "FileTable.h"
 #include "ICallback.h"
+#include "FileDescriptor.h"
 #include "RedirectedFile.h"
 #include "RuntimeParam.h"
 
@@ -219,11 +220,17 @@ public:
     // File operations by path; iSeekType is the lseek origin.
     int ReadFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek, int iSeekType,
                  void* pvBuf, unsigned int iLen, bool* pbEof);
+    // With pSync, a plain file is written through a duplicate of its cached
+    // descriptor (so that another thread thinning the cache cannot close it
+    // meanwhile) and pSync receives it, for the caller to sync the data; it
+    // stays closed for a redirected file. -1 when it cannot be duplicated.
     int WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek, int iSeekType,
-                  const void* pvBuf, unsigned int iLen);
+                  const void* pvBuf, unsigned int iLen, CFileDescriptor* pSync = nullptr);
     // iSize is returned when the size cannot be found.
     long long GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pcPath, long long iSize);
-    bool NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath);
+    // pCreated, when given, receives the new file's descriptor instead of it
+    // being closed.
+    bool NewFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, CFileDescriptor* pCreated = nullptr);
     bool RemoveFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath);
     bool RenameFile(CRuntimeParam* rp, LogArgu* la, const char* pathFrom, const char* pathTo);
     // Only mode and size are applied to local files; owner, group and times

@@ -117,6 +117,16 @@ void CheckTcpReply(const unsigned char* data, uint32_t size) {
     }
 }
 
+// The length of the first TCP reply of a send that may hold several: the
+// record mark's length and the mark itself, or all of size when the mark
+// is not a last fragment that fits (CheckTcpReply then refuses it).
+uint32_t FirstTcpReplySize(const unsigned char* data, uint32_t size) {
+    if (size < 4) return size;
+    uint32_t mark = ((uint32_t)data[0] << 24) | ((uint32_t)data[1] << 16) | ((uint32_t)data[2] << 8) | data[3];
+    if ((mark & 0x80000000u) == 0 || (mark & 0x7FFFFFFFu) > size - 4) return size;
+    return 4 + (mark & 0x7FFFFFFFu);
+}
+
 }  // namespace
 
 RpcFuzzHarness::RpcFuzzHarness(const std::string& workDir) {
@@ -218,9 +228,18 @@ void RpcFuzzHarness::Run(const uint8_t* data, size_t size) {
         inet_pton(AF_INET, CLIENT_ADDRESS, &remote.sin_addr);
         // No descriptor: no receive thread, only the listener and the peer.
         socket.Open(-1, &server, &remote);
-        socket.SetSendSink([&](const unsigned char* reply, uint32_t length) -> ssize_t {
-            if (type == CSocket::TYPE_TCP) CheckTcpReply(reply, length);
-            m_replies.emplace_back(reply, reply + length);
+        socket.SetSendSink([&](const unsigned char* sent, uint32_t length) -> ssize_t {
+            if (type == CSocket::TYPE_UDP) {
+                m_replies.emplace_back(sent, sent + length);
+                return (ssize_t)length;
+            }
+            // The replies of one receive leave in one send.
+            for (uint32_t at = 0; at < length;) {
+                const uint32_t size = FirstTcpReplySize(sent + at, length - at);
+                CheckTcpReply(sent + at, size);
+                m_replies.emplace_back(sent + at, sent + at + size);
+                at += size;
+            }
             return (ssize_t)length;
         });
 

@@ -65,7 +65,7 @@ public:
     void Run(const uint8_t* data, size_t size);
     void Run(const std::vector<uint8_t>& input) { Run(input.data(), input.size()); }
 
-    // What the last run sent, one entry per send (with the TCP record mark).
+    // What the last run sent, one entry per reply (with the TCP record mark).
     const std::vector<std::vector<uint8_t>>& Replies() const { return m_replies; }
     // Number of log lines of the last run.
     size_t LogLines() const { return m_logLines; }
