@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -787,8 +788,7 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
     char joined[PATH_BUFFER_SIZE], resolved[PATH_BUFFER_SIZE];
     if (!AppendFilePath(dir, name, joined)) return NFS3_OK;
     struct stat st;
-    if (m_bResolveShortcut && IsEntryName(name) && IsPlainPath(dir) && lstat(joined, &st) == 0 &&
-        !S_ISLNK(st.st_mode)) {
+    if (m_bResolveShortcut && IsEntryName(name) && IsPlainPath(dir) && IsPlainEntry(dir, joined)) {
         // The folders of the file table are canonical, and an entry that is
         // no link adds nothing to resolve: the joined path is what realpath
         // would give, without a readlink per component.
@@ -810,6 +810,14 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
     }
     snprintf(out, PATH_BUFFER_SIZE, "%s", resolved);
     return NFS3_OK;
+}
+
+bool CNfs3Prog::IsPlainEntry(const char* dir, const char* joined) {
+    struct stat st;
+    if (lstat(joined, &st) == 0) return !S_ISLNK(st.st_mode);
+    // A name not there (yet) in a folder that is: the folder plus the name,
+    // as realpath of the folder would make it.
+    return (errno == ENOENT || errno == ENOTDIR) && stat(dir, &st) == 0;
 }
 
 bool CNfs3Prog::IsPlainPath(const char* path) {

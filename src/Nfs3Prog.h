@@ -371,6 +371,10 @@ protected:
     bool ReadEntry(NfsCall& c, diropargs3& args) { return ReadEntry(c, args, c.path); }
     bool ReadEntry(NfsCall& c, diropargs3& args, char* path);
     static bool IsEntryName(const char* name);
+    // Whether joined (dir plus an entry name, dir canonical) is canonical
+    // as it stands: an entry that is no link, or a missing entry of a folder
+    // that exists.
+    static bool IsPlainEntry(const char* dir, const char* joined);
     // Reads directory arguments as skipped names: c.path stays empty; a name
     // too long still sets c.argStat.
     void SkipEntry(NfsCall& c);

@@ -134,6 +134,30 @@ TEST_F(LookupShortcut, MissingNamesAreNotFound) {
     EXPECT_EQ(NFS3ERR_NOENT_, Status(d, "missing"));
 }
 
+TEST_F(LookupShortcut, NamesInAFileOrAMissingFolderAreNotFound) {
+    Bytes top = server.Handle(root);
+    Bytes f = Found(top, "f", root + "/f");
+    EXPECT_EQ(NFS3ERR_NOENT_, Status(f, "x"));
+    Bytes d = Found(top, "d", root + "/d");
+    ASSERT_EQ(0, unlink((root + "/d/g").c_str()));
+    ASSERT_EQ(0, rmdir((root + "/d").c_str()));
+    EXPECT_EQ(NFS3ERR_NOENT_, Status(d, "g"));
+}
+
+TEST_F(LookupShortcut, NewEntriesAreMadeAtTheFolderPlusTheirName) {
+    Bytes d = Found(server.Handle(root), "d", root + "/d");
+    for (bool on : {true, false}) {
+        Shortcut(on);
+        std::string name = on ? "made-with" : "made-without";
+        // CREATE, UNCHECKED, nothing set: status, then the new handle.
+        Bytes made = server.Results(PROC_CREATE, Join({DirOpArgs(d, name), Words({0, 0, 0, 0, 0, 0, 0})}));
+        XdrDecoder dec(made);
+        ASSERT_EQ(0u, dec.GetUint32()) << name;
+        ASSERT_EQ(1u, dec.GetUint32()) << name;
+        EXPECT_EQ(root + "/d/" + name, PathOf(dec.GetOpaque())) << name;
+    }
+}
+
 TEST_F(LookupShortcut, NamesOfARenamedFolderFollowItsNewPath) {
     Bytes top = server.Handle(root);
     Bytes d = Found(top, "d", root + "/d");
