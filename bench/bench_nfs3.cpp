@@ -2,15 +2,21 @@
 // streams (no sockets): GETATTR of a file, the listing of a whole folder
 // page by page with READDIR and READDIRPLUS (argument: the number of
 // entries in the folder), and READ and WRITE through a 16 MiB file at
-// moving offsets (argument: the bytes per call).
+// moving offsets (argument: the bytes per call). The listing and LOOKUP
+// benchmarks take a second argument: 1 with the listing cache and the
+// LOOKUP shortcut, 0 without them (every page a fresh scan, every name
+// through realpath).
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "InputStream.h"
 #include "Nfs3Prog.h"
@@ -90,6 +96,25 @@ public:
     }
 
     const std::string& Root() const { return m_root; }
+    CNfs3Prog& Program() { return m_prog; }
+
+    // With or without the listing cache and the LOOKUP shortcut.
+    void SetFast(bool fast) {
+        m_prog.GetListingCache().SetEnabled(fast);
+        m_prog.SetResolveShortcut(fast);
+    }
+    // The cache keeps the order of a folder only once its last change is a
+    // second old: a datastore's folders are listed long after they changed.
+    static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
+
+    // LOOKUP arguments: the folder's handle and a name.
+    std::string LookupArgs(const std::string& folderHandle, const std::string& name) {
+        std::string b = folderHandle;
+        PutWord(b, (uint32_t)name.size());
+        b += name;
+        while (b.size() % 4) b.push_back('\0');
+        return b;
+    }
 
 private:
     CUtilities m_utilities;
@@ -155,18 +180,35 @@ void BM_Getattr(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(bench.Call(1, args));
 }
 
-void BM_ReaddirWholeFolder(benchmark::State& state) {
+void ListWholeFolder(benchmark::State& state, bool plus) {
     Bench bench((int)state.range(0));
+    bench.SetFast(state.range(1) != 0);
+    Bench::Settle();
     int calls = 0;
-    for (auto _ : state) calls = bench.ListAll(false);
+    unsigned long long before = bench.Program().GetListingCache().EntriesRead();
+    for (auto _ : state) calls = bench.ListAll(plus);
     state.counters["calls"] = calls;
+    state.counters["entries_read"] =
+        (double)(bench.Program().GetListingCache().EntriesRead() - before) / (double)state.iterations();
 }
 
-void BM_ReaddirplusWholeFolder(benchmark::State& state) {
-    Bench bench((int)state.range(0));
-    int calls = 0;
-    for (auto _ : state) calls = bench.ListAll(true);
-    state.counters["calls"] = calls;
+void BM_ReaddirWholeFolder(benchmark::State& state) { ListWholeFolder(state, false); }
+void BM_ReaddirplusWholeFolder(benchmark::State& state) { ListWholeFolder(state, true); }
+
+// LOOKUP of the folder's names in turn (argument: the number of names).
+void BM_Lookup(benchmark::State& state) {
+    const int names = (int)state.range(0);
+    Bench bench(names);
+    bench.SetFast(state.range(1) != 0);
+    std::string folder = bench.HandleArgs(bench.Root());
+    std::vector<std::string> args;
+    for (int i = 0; i < names; ++i)
+        args.push_back(bench.LookupArgs(folder, "vm-disk-" + std::to_string(i) + "-flat.vmdk"));
+    size_t next = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(bench.Call(3, args[next]));
+        next = (next + 1) % args.size();
+    }
 }
 
 }  // namespace
@@ -174,6 +216,7 @@ void BM_ReaddirplusWholeFolder(benchmark::State& state) {
 BENCHMARK(BM_Getattr);
 BENCHMARK(BM_Read)->Arg(4096)->Arg(65536);
 BENCHMARK(BM_Write)->Arg(4096)->Arg(16384);
-BENCHMARK(BM_ReaddirWholeFolder)->Arg(10)->Arg(100)->Arg(1000);
-BENCHMARK(BM_ReaddirplusWholeFolder)->Arg(10)->Arg(100)->Arg(1000);
+BENCHMARK(BM_ReaddirWholeFolder)->ArgsProduct({{10, 100, 1000, 10000}, {0, 1}})->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReaddirplusWholeFolder)->ArgsProduct({{10, 100, 1000, 10000}, {0, 1}})->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Lookup)->ArgsProduct({{1, 1000}, {0, 1}});
 BENCHMARK_MAIN();

@@ -1,14 +1,15 @@
 #include "Nfs3Prog.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "DataTruncatedExpt.h"
 #include "InputStream.h"
@@ -64,30 +65,6 @@ uint32_t FileTypeOf(mode_t mode) {
         default: return 0;
     }
 }
-
-// A directory stream that yields the real entries only ("." and ".." are
-// passed over) and closes itself.
-class DirectoryStream {
-public:
-    explicit DirectoryStream(const char* path) : m_pDir(opendir(path)) {}
-    ~DirectoryStream() {
-        if (m_pDir) closedir(m_pDir);
-    }
-    DirectoryStream(const DirectoryStream&) = delete;
-    DirectoryStream& operator=(const DirectoryStream&) = delete;
-
-    bool IsOpen() const { return m_pDir != nullptr; }
-    // The next name, or null at the end.
-    const char* Next() {
-        while (struct dirent* entry = readdir(m_pDir)) {
-            if (!CNfs3Prog::IsInVaildDirName(entry->d_name)) return entry->d_name;
-        }
-        return nullptr;
-    }
-
-private:
-    DIR* m_pDir;
-};
 
 }  // namespace
 
@@ -318,7 +295,7 @@ int CNfs3Prog::ProcedureLOOKUP(CInputStream* in, COutputStream* out, ProcessPara
     if (c.stat == NFS3_OK) {
         // The handle goes out as it stands, whether or not an ID was found.
         nfs_fh3 fh{};
-        GetNfsFileHandle(param, &c.argu, c.path, &fh);
+        GetNfsFileHandle(param, &c.argu, c.path, &fh, m_bResolveShortcut);  // resolved by ReadPath
         Write(out, fh, false);
         WritePostOpAttr(c, c.path);
     }
@@ -394,45 +371,38 @@ int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
     WritePostOpAttr(c.out, &dirAttr);
     WriteUint64(c.out, cookieverf);  // echoed, never checked
 
-    // The cookie is a position: skip the entries that earlier pages gave.
-    // A directory that cannot be opened lists as empty.
+    // The cookie is a position: the page after the entries that earlier
+    // pages gave, in the order a fresh scan finds (kept between pages while
+    // the folder is unchanged). A directory that cannot be opened lists as
+    // empty.
     MountInfo mount;
     m_pUtilities->GetMountInfoByPath(c.rp, &c.argu, c.path, &mount);
+    std::vector<std::string> names;
     bool eof = true;
-    DirectoryStream dir(c.path);
-    if (dir.IsOpen()) {
-        bool ended = false;
-        for (int32_t skip = (int32_t)(uint32_t)cookie; skip >= 1 && !ended; --skip) ended = dir.Next() == nullptr;
-        if (!ended) {
-            eof = false;
-            for (int emitted = 0; emitted < DIRECTORY_PAGE_ENTRIES; ++emitted) {
-                const char* name = dir.Next();
-                if (name == nullptr) {
-                    eof = true;
-                    break;
-                }
-                WriteBool(c.out, true);  // an entry follows
-                char full[PATH_BUFFER_SIZE], target[PATH_BUFFER_SIZE];
-                bool joined = AppendFilePath(c.path, name, full);
-                // The file table ID, which also gives the entry its handle;
-                // none for a link that leads out of the export.
-                bool reachable = joined &&
-                                 ResolveEntryIn(c.rp, &c.argu, mount.sLocalMountPath, c.path, name, target) ==
-                                     NFS3_OK &&
-                                 target[0] != '\0';
-                unsigned int id = reachable ? m_pUtilities->GetFileID(c.rp, &c.argu, target) : NO_FILE_ID;
-                WriteUint64(c.out, id);
-                Write(c.out, opaque{reinterpret_cast<const unsigned char*>(name), (uint32_t)strlen(name)}, false);
-                WriteUint64(c.out, ++cookie);
-                Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Cookie=%llu, name=%s", c.argu.pcName,
-                    (unsigned long long)cookie, name);
-                if (plus) {
-                    WritePostOpAttr(c, joined ? full : nullptr);
-                    post_op_fh3 fh;
-                    fh.handle_follows = reachable && GetNfsFileHandle(c.param, &c.argu, target, &fh.handle);
-                    Write(c.out, fh);
-                }
-            }
+    m_ListingCache.Page(c.path, (int32_t)(uint32_t)cookie, DIRECTORY_PAGE_ENTRIES, &names, &eof);
+    for (const std::string& entry : names) {
+        const char* name = entry.c_str();
+        WriteBool(c.out, true);  // an entry follows
+        char full[PATH_BUFFER_SIZE], target[PATH_BUFFER_SIZE];
+        bool joined = AppendFilePath(c.path, name, full);
+        // The file table ID, which also gives the entry its handle; none
+        // for a link that leads out of the export. The target is canonical.
+        bool reachable = joined &&
+                         ResolveEntryIn(c.rp, &c.argu, mount.sLocalMountPath, c.path, name, target) == NFS3_OK &&
+                         target[0] != '\0';
+        unsigned int id =
+            reachable ? m_pUtilities->GetFileID(c.rp, &c.argu, target, m_bResolveShortcut) : NO_FILE_ID;
+        WriteUint64(c.out, id);
+        Write(c.out, opaque{reinterpret_cast<const unsigned char*>(name), (uint32_t)entry.size()}, false);
+        WriteUint64(c.out, ++cookie);
+        Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Cookie=%llu, name=%s", c.argu.pcName,
+            (unsigned long long)cookie, name);
+        if (plus) {
+            WritePostOpAttr(c, joined ? full : nullptr);
+            post_op_fh3 fh;
+            fh.handle_follows =
+                reachable && GetNfsFileHandle(c.param, &c.argu, target, &fh.handle, m_bResolveShortcut);
+            Write(c.out, fh);
         }
     }
     WriteBool(c.out, false);  // no further entry
@@ -864,13 +834,18 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
     }
     char joined[PATH_BUFFER_SIZE], resolved[PATH_BUFFER_SIZE];
     if (!AppendFilePath(dir, name, joined)) return NFS3_OK;
-    if (realpath(joined, resolved) == nullptr) {
+    struct stat st;
+    if (m_bResolveShortcut && IsEntryName(name) && IsPlainPath(dir) && IsPlainEntry(dir, joined)) {
+        // The folders of the file table are canonical, and an entry that is
+        // no link adds nothing to resolve: the joined path is what realpath
+        // would give, without a readlink per component.
+        snprintf(resolved, sizeof resolved, "%s", joined);
+    } else if (realpath(joined, resolved) == nullptr) {
         // Not there (yet), or a link that leads nowhere: the resolved folder
         // plus the name, which must not be a link, since whatever is made
         // there later would go where the link points.
         char folder[PATH_BUFFER_SIZE];
         if (realpath(dir, folder) == nullptr || !AppendFilePath(folder, name, resolved)) return NFS3_OK;
-        struct stat st;
         if (lstat(resolved, &st) == 0 && S_ISLNK(st.st_mode)) {
             Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Link leads nowhere: %s", NameOf(argu), resolved);
             return NFS3ERR_ACCES;
@@ -882,6 +857,30 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
     }
     snprintf(out, PATH_BUFFER_SIZE, "%s", resolved);
     return NFS3_OK;
+}
+
+bool CNfs3Prog::IsPlainEntry(const char* dir, const char* joined) {
+    struct stat st;
+    if (lstat(joined, &st) == 0) return !S_ISLNK(st.st_mode);
+    // A name not there (yet) in a folder that is: the folder plus the name,
+    // as realpath of the folder would make it.
+    return (errno == ENOENT || errno == ENOTDIR) && stat(dir, &st) == 0;
+}
+
+bool CNfs3Prog::IsPlainPath(const char* path) {
+    // Absolute, and no empty, "." or ".." component, no trailing slash: the
+    // form realpath gives. (Links within it are not looked at.)
+    if (path == nullptr || path[0] != '/' || path[1] == '\0') return false;
+    for (const char* p = path; *p != '\0';) {
+        const char* component = p + 1;  // p is at a slash
+        const char* end = strchrnul(component, '/');
+        size_t length = (size_t)(end - component);
+        if (length == 0 || (length == 1 && component[0] == '.') ||
+            (length == 2 && component[0] == '.' && component[1] == '.'))
+            return false;
+        p = end;
+    }
+    return true;
 }
 
 nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* param, LogArgu* argu, const char* path) {
@@ -912,9 +911,10 @@ nfsstat3 CNfs3Prog::CheckPath(const char* path, bool mustExist) {
     return CUtilities::OS_IsFileExists(path, nullptr) ? NFS3_OK : NFS3ERR_IO;
 }
 
-bool CNfs3Prog::GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char* path, nfs_fh3* fh) {
+bool CNfs3Prog::GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char* path, nfs_fh3* fh,
+                                 bool canonical) {
     if (fh == nullptr || m_pUtilities == nullptr) return false;
-    return m_pUtilities->GetFileHandle(RuntimeOf(param), argu, path, fh->cHandle, (int)FILE_HANDLE_SIZE);
+    return m_pUtilities->GetFileHandle(RuntimeOf(param), argu, path, fh->cHandle, (int)FILE_HANDLE_SIZE, canonical);
 }
 
 bool CNfs3Prog::GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr) {

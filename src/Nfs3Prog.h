@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "FileTable.h"
+#include "ListingCache.h"
 #include "MountProg.h"
 #include "RpcProg.h"
 #include "RuntimeParam.h"
@@ -268,10 +269,18 @@ public:
     nfsstat3 CheckProcessParam(ProcessParam* param, LogArgu* argu, const char* path);
     // NFS3ERR_STALE for a null path; with mustExist, NFS3ERR_IO for a missing one.
     nfsstat3 CheckPath(const char* path, bool mustExist);
-    bool GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char* path, nfs_fh3* fh);
+    // canonical: path is known to be canonical already (see GetFileHandle).
+    bool GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char* path, nfs_fh3* fh, bool canonical = false);
     bool GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr);
     // Pre-operation attributes are never taken: always false, attr untouched.
     bool GetNfsFileAttributes(const char* path, wcc_attr* attr);
+
+    // The order of folders' entries kept between the pages of a listing.
+    CListingCache& GetListingCache() { return m_ListingCache; }
+    // Off: every entry name is resolved with realpath, even where the
+    // folder's canonical path and an lstat of the entry would do, and the
+    // resolved paths are made canonical again for the file table.
+    void SetResolveShortcut(bool enabled) { m_bResolveShortcut = enabled; }
 
     // Keep the set-ID and permission bits, drop the sticky bit and the file
     // type; the same rule both ways.
@@ -282,6 +291,9 @@ public:
     static bool AppendFilePath(const char* dir, const char* name, char* out);
     // True for a null name, "." and "..".
     static bool IsInVaildDirName(const char* name);
+    // Whether path has the form realpath gives (absolute, no empty, "." or
+    // ".." component, no trailing slash); links in it are not looked at.
+    static bool IsPlainPath(const char* path);
 
     // ---- XDR readers: a short input throws CDataTruncatedExpt -------------------
     static bool ReadBool(CInputStream* in);
@@ -359,6 +371,10 @@ protected:
     bool ReadEntry(NfsCall& c, diropargs3& args) { return ReadEntry(c, args, c.path); }
     bool ReadEntry(NfsCall& c, diropargs3& args, char* path);
     static bool IsEntryName(const char* name);
+    // Whether joined (dir plus an entry name, dir canonical) is canonical
+    // as it stands: an entry that is no link, or a missing entry of a folder
+    // that exists.
+    static bool IsPlainEntry(const char* dir, const char* joined);
     // Reads directory arguments as skipped names: c.path stays empty; a name
     // too long still sets c.argStat.
     void SkipEntry(NfsCall& c);
@@ -415,4 +431,6 @@ protected:
     unsigned long long m_iSysUpTime;
     unsigned int m_iFSF3Properties = FSF3_HOMOGENEOUS | FSF3_CANSETTIME;
     bool m_bReadOnly = false;
+    bool m_bResolveShortcut = true;
+    CListingCache m_ListingCache;
 };

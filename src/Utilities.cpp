@@ -466,6 +466,11 @@ void CUtilities::GetCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, con
     if (logInfo) LogInfo(rp, "[%s] Fail to get canonical path from non-exist path: %s", NameOf(la), in);
 }
 
+void CUtilities::KeepCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in) {
+    CopyText(out, in, PATH_BUFFER_SIZE);
+    if (rp && rp->IsLogGeneralInfo()) LogInfo(rp, "[%s] Get canonical path successfully: %s", NameOf(la), out);
+}
+
 void CUtilities::SetPathToCompare(char* path, size_t size) {
     size_t len = strnlen(path, size);
     if (len == 0 || path[len - 1] == '/' || len + 1 >= size) return;
@@ -481,17 +486,20 @@ void CUtilities::SetPathToCompare(std::string& path) {
 
 // -- file IDs and handles --
 
-unsigned int CUtilities::GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path) {
+unsigned int CUtilities::GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path, bool isCanonical) {
     if (path == nullptr) return NO_FILE_ID;  // the table has no row for a null path
     char canonical[PATH_BUFFER_SIZE];
-    GetCanonicalPath(param, argu, canonical, path);
+    if (isCanonical)
+        KeepCanonicalPath(param, argu, canonical, path);
+    else
+        GetCanonicalPath(param, argu, canonical, path);
     std::lock_guard<std::mutex> lock(m_hMutexFileTable);
     if (!m_pFileTable) return NO_FILE_ID;
     return m_pFileTable->GetIDByPath(canonical);
 }
 
 bool CUtilities::GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* path, unsigned char* handle,
-                               int size) {
+                               int size, bool isCanonical) {
     if (handle == nullptr) return false;
     if (size > 0) memset(handle, 0, (size_t)size);
     // Room for the ID and at least one more byte: exactly 4 is refused.
@@ -500,7 +508,10 @@ bool CUtilities::GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* 
         return false;
     }
     char canonical[PATH_BUFFER_SIZE];
-    GetCanonicalPath(param, argu, canonical, path);
+    if (isCanonical)
+        KeepCanonicalPath(param, argu, canonical, path);
+    else
+        GetCanonicalPath(param, argu, canonical, path);
     // The ID and the verifier of one table: a reset in between would pair
     // an old ID with a new verifier.
     std::lock_guard<std::mutex> lock(m_hMutexFileTable);

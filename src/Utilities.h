@@ -160,6 +160,9 @@ public:
     // Resolves in (through realpath) into out, which holds PATH_BUFFER_SIZE
     // bytes; a path that cannot be resolved is copied unchanged (cut to fit).
     void GetCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in);
+    // GetCanonicalPath of a path known to be canonical: copied, and logged
+    // as a resolved one.
+    void KeepCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in);
     // Appends "/" to a non-empty path that lacks one, so that "is inside"
     // tests can compare by prefix. size is the buffer's size.
     static void SetPathToCompare(char* path, size_t size = PATH_BUFFER_SIZE);
@@ -171,9 +174,12 @@ public:
     // stores the ID in bytes 0..3 (size must be at least 5) and the verifier
     // in bytes 4..11, as far as they fit. GetFilePath reads the ID from bytes
     // 0..3 of a handle of handleSize bytes; a handle whose verifier is not
-    // the current one names no file and sets *stale.
-    unsigned int GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path);
-    bool GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* path, unsigned char* handle, int size);
+    // the current one names no file and sets *stale. A caller that already
+    // holds the canonical form of path passes canonical and saves the
+    // realpath walk (the same log line is written).
+    unsigned int GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path, bool canonical = false);
+    bool GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* path, unsigned char* handle, int size,
+                       bool canonical = false);
     bool GetFilePath(CRuntimeParam* param, const unsigned char* handle, char* buffer, int size,
                      size_t handleSize = FILE_HANDLE_SIZE, bool* stale = nullptr);
     // Empties the file table and renews the verifier.

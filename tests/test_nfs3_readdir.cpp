@@ -2,7 +2,6 @@
 // are positions, file table IDs, attributes and handles of the entries.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,17 +66,6 @@ Listing Parse(const Bytes& results, bool plus) {
     return l;
 }
 
-// The names of dir in the order the file system gives them, without "." and "..".
-std::vector<std::string> NamesOf(const std::string& dir) {
-    std::vector<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return names;
-    while (dirent* e = readdir(d))
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-    closedir(d);
-    return names;
-}
-
 class Nfs3Readdir : public testing::Test {
 protected:
     void SetUp() override {
@@ -137,7 +125,7 @@ TEST_F(Nfs3Readdir, TenEntriesFillOnePageWithoutEof) {
             EXPECT_EQ(i + 1, l.entries[i].cookie);
             names.push_back(l.entries[i].name);
         }
-        EXPECT_EQ(NamesOf(dir), names);
+        EXPECT_EQ(FolderNames(dir), names);
         EXPECT_FALSE(l.eof);  // ten entries end a page without looking further
         EXPECT_EQ(0u, l.remaining);
 
@@ -173,7 +161,7 @@ TEST_F(Nfs3Readdir, TwentyFiveEntriesTakeThreeCalls) {
         EXPECT_FALSE(eofs[1]);
         EXPECT_TRUE(eofs[2]);
         EXPECT_EQ(25u, cookie);
-        EXPECT_EQ(NamesOf(dir), names);
+        EXPECT_EQ(FolderNames(dir), names);
     }
 }
 
@@ -189,7 +177,7 @@ TEST_F(Nfs3Readdir, CookieBeyondTheEntriesAnswersNoEntriesAndEof) {
 
 TEST_F(Nfs3Readdir, OnlyTheLow32BitsOfTheCookieCountAsASignedPosition) {
     std::string dir = Folder("cookies", 5);
-    std::vector<std::string> names = NamesOf(dir);
+    std::vector<std::string> names = FolderNames(dir);
     // High bits are carried on, but do not move the position.
     Listing high = List(dir, 0x100000003ULL, false);
     ASSERT_EQ(2u, high.entries.size());
@@ -218,7 +206,7 @@ TEST_F(Nfs3Readdir, DotAndDotDotNeverAppearNorShiftTheNumbering) {
         }
         if (l.eof) break;
     }
-    EXPECT_EQ(NamesOf(dir), all);
+    EXPECT_EQ(FolderNames(dir), all);
     EXPECT_EQ(12u, all.size());
 }
 

@@ -188,6 +188,11 @@ Bytes Nfs3TestServer::Handle(const std::string& path) {
     return Bytes(handle, handle + sizeof handle);
 }
 
+CNfs3Prog& Nfs3TestServer::Version3() {
+    if (m_prog->GetNfs3Prog() == nullptr) Results(nfs3wire::PROC_NULL, Bytes());
+    return *m_prog->GetNfs3Prog();
+}
+
 CUtilities& Nfs3TestServer::Utilities() { return m_harness->Utilities(); }
 CRuntimeParam& Nfs3TestServer::Runtime() { return m_harness->Runtime(); }
 LogRecorder& Nfs3TestServer::Log() { return m_harness->Log(); }

@@ -15,6 +15,7 @@
 #include "LogRecorder.h"
 #include "RpcTestClient.h"
 
+class CNfs3Prog;
 class CNfsProg;
 class CRuntimeParam;
 class CServerSocket;
@@ -95,6 +96,8 @@ public:
     Bytes Handle(const std::string& path);
 
     CNfsProg& Program() { return *m_prog; }
+    // The version 3 program, made by a NULL call if no call has made it yet.
+    CNfs3Prog& Version3();
     CUtilities& Utilities();
     CRuntimeParam& Runtime();
     RpcServerHarness& Harness() { return *m_harness; }

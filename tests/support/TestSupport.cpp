@@ -107,3 +107,13 @@ std::vector<unsigned char> HandleOfId(const CUtilities& u, unsigned int id) {
     memcpy(handle.data() + HANDLE_VERIFIER_OFFSET, HandleVerifierAccess::Of(u), HANDLE_VERIFIER_SIZE);
     return handle;
 }
+
+std::vector<std::string> FolderNames(const std::string& folder) {
+    std::vector<std::string> names;
+    DIR* d = opendir(folder.c_str());
+    if (d == nullptr) return names;
+    while (dirent* e = readdir(d))
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+    closedir(d);
+    return names;
+}
