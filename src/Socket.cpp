@@ -93,6 +93,16 @@ bool CSocket::Send() {
     return delivered;
 }
 
+bool CSocket::ReceiveArrived() {
+    if (m_iType != TYPE_TCP || m_Socket == -1) return false;
+    m_pInputStream->ConsolidateBuffer(0);
+    if (m_pInputStream->GetFreeBufferSize() == 0) return false;
+    ssize_t n = recv(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(), MSG_DONTWAIT);
+    if (n <= 0) return false;
+    m_pInputStream->AddFilledBufferSize((uint32_t)n);
+    return true;
+}
+
 bool CSocket::SendAll(const unsigned char* data, uint32_t size) {
     uint32_t done = 0;
     while (done < size) {

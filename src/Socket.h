@@ -42,6 +42,9 @@ public:
     // off: the connection is shut down (its thread ends and the slot frees)
     // and false is returned. A datagram goes out whole or not at all.
     bool Send();
+    // Takes in what has already arrived on a stream, without waiting; false
+    // when nothing has (an end or an error is left to the receive loop).
+    bool ReceiveArrived();
     static constexpr int SEND_TIMEOUT_MS = 30000;
 
     // Takes what Send would send instead of a descriptor: returns the number
