@@ -453,22 +453,17 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la) {
 
 // ---- path convention -------------------------------------------------------
 
-void CUtilities::GetCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in) {
+void CUtilities::GetCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in, bool isCanonical) {
     if (in == nullptr) in = "";
     bool logInfo = rp && rp->IsLogGeneralInfo();
     char resolved[PATH_MAX];
-    if (strlen(in) < PATH_BUFFER_SIZE && realpath(in, resolved) != nullptr) {
-        CopyText(out, resolved, PATH_BUFFER_SIZE);
+    if (isCanonical || (strlen(in) < PATH_BUFFER_SIZE && realpath(in, resolved) != nullptr)) {
+        CopyText(out, isCanonical ? in : resolved, PATH_BUFFER_SIZE);
         if (logInfo) LogInfo(rp, "[%s] Get canonical path successfully: %s", NameOf(la), out);
         return;
     }
     CopyText(out, in, PATH_BUFFER_SIZE);
     if (logInfo) LogInfo(rp, "[%s] Fail to get canonical path from non-exist path: %s", NameOf(la), in);
-}
-
-void CUtilities::KeepCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in) {
-    CopyText(out, in, PATH_BUFFER_SIZE);
-    if (rp && rp->IsLogGeneralInfo()) LogInfo(rp, "[%s] Get canonical path successfully: %s", NameOf(la), out);
 }
 
 void CUtilities::SetPathToCompare(char* path, size_t size) {
@@ -489,10 +484,7 @@ void CUtilities::SetPathToCompare(std::string& path) {
 unsigned int CUtilities::GetFileID(CRuntimeParam* param, LogArgu* argu, const char* path, bool isCanonical) {
     if (path == nullptr) return NO_FILE_ID;  // the table has no row for a null path
     char canonical[PATH_BUFFER_SIZE];
-    if (isCanonical)
-        KeepCanonicalPath(param, argu, canonical, path);
-    else
-        GetCanonicalPath(param, argu, canonical, path);
+    GetCanonicalPath(param, argu, canonical, path, isCanonical);
     std::lock_guard<std::mutex> lock(m_hMutexFileTable);
     if (!m_pFileTable) return NO_FILE_ID;
     return m_pFileTable->GetIDByPath(canonical);
@@ -508,10 +500,7 @@ bool CUtilities::GetFileHandle(CRuntimeParam* param, LogArgu* argu, const char* 
         return false;
     }
     char canonical[PATH_BUFFER_SIZE];
-    if (isCanonical)
-        KeepCanonicalPath(param, argu, canonical, path);
-    else
-        GetCanonicalPath(param, argu, canonical, path);
+    GetCanonicalPath(param, argu, canonical, path, isCanonical);
     // The ID and the verifier of one table: a reset in between would pair
     // an old ID with a new verifier.
     std::lock_guard<std::mutex> lock(m_hMutexFileTable);

@@ -159,10 +159,9 @@ public:
     // ---- path convention ---------------------------------------------------
     // Resolves in (through realpath) into out, which holds PATH_BUFFER_SIZE
     // bytes; a path that cannot be resolved is copied unchanged (cut to fit).
-    void GetCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in);
-    // GetCanonicalPath of a path known to be canonical: copied, and logged
-    // as a resolved one.
-    void KeepCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in);
+    // A path the caller knows to be canonical is copied without realpath
+    // and logged as a resolved one.
+    void GetCanonicalPath(CRuntimeParam* rp, LogArgu* la, char* out, const char* in, bool isCanonical = false);
     // Appends "/" to a non-empty path that lacks one, so that "is inside"
     // tests can compare by prefix. size is the buffer's size.
     static void SetPathToCompare(char* path, size_t size = PATH_BUFFER_SIZE);
