@@ -378,6 +378,7 @@ int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
     MountInfo mount;
     m_pUtilities->GetMountInfoByPath(c.rp, &c.argu, c.path, &mount);
     std::vector<std::string> names;
+    FileSystemIds fileSystems;
     bool eof = true;
     m_ListingCache.Page(c.path, (int32_t)(uint32_t)cookie, DIRECTORY_PAGE_ENTRIES, &names, &eof);
     for (const std::string& entry : names) {
@@ -387,9 +388,11 @@ int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
         bool joined = AppendFilePath(c.path, name, full);
         // The file table ID, which also gives the entry its handle; none
         // for a link that leads out of the export. The target is canonical.
-        bool reachable = joined &&
-                         ResolveEntryIn(c.rp, &c.argu, mount.sLocalMountPath, c.path, name, target) == NFS3_OK &&
-                         target[0] != '\0';
+        EntryStat entryStat;
+        bool reachable =
+            joined &&
+            ResolveEntryIn(c.rp, &c.argu, mount.sLocalMountPath, c.path, name, target, &entryStat) == NFS3_OK &&
+            target[0] != '\0';
         unsigned int id =
             reachable ? m_pUtilities->GetFileID(c.rp, &c.argu, target, m_bResolveShortcut) : NO_FILE_ID;
         WriteUint64(c.out, id);
@@ -398,7 +401,9 @@ int CNfs3Prog::ListDirectory(NfsCall& c, bool plus) {
         Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Cookie=%llu, name=%s", c.argu.pcName,
             (unsigned long long)cookie, name);
         if (plus) {
-            WritePostOpAttr(c, joined ? full : nullptr);
+            fattr3 attr;
+            bool built = joined && GetNfsFileAttributes(c.param, &c.argu, full, &attr, entryStat, fileSystems);
+            WritePostOpAttr(c.out, built ? &attr : nullptr);
             post_op_fh3 fh;
             fh.handle_follows =
                 reachable && GetNfsFileHandle(c.param, &c.argu, target, &fh.handle, m_bResolveShortcut);
@@ -826,7 +831,7 @@ nfsstat3 CNfs3Prog::ResolveEntry(CRuntimeParam* rp, LogArgu* argu, const char* d
 }
 
 nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::string& root, const char* dir,
-                                   const char* name, char* out) {
+                                   const char* name, char* out, EntryStat* joinedStat) {
     out[0] = '\0';
     if (strcmp(name, "..") == 0 && root == dir) {
         snprintf(out, PATH_BUFFER_SIZE, "%s", dir);  // the root's parent is outside: the root stands for it
@@ -835,7 +840,7 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
     char joined[PATH_BUFFER_SIZE], resolved[PATH_BUFFER_SIZE];
     if (!AppendFilePath(dir, name, joined)) return NFS3_OK;
     struct stat st;
-    if (m_bResolveShortcut && IsEntryName(name) && IsPlainPath(dir) && IsPlainEntry(dir, joined)) {
+    if (m_bResolveShortcut && IsEntryName(name) && IsPlainPath(dir) && IsPlainEntry(dir, joined, joinedStat)) {
         // The folders of the file table are canonical, and an entry that is
         // no link adds nothing to resolve: the joined path is what realpath
         // would give, without a readlink per component.
@@ -859,9 +864,12 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
     return NFS3_OK;
 }
 
-bool CNfs3Prog::IsPlainEntry(const char* dir, const char* joined) {
+bool CNfs3Prog::IsPlainEntry(const char* dir, const char* joined, EntryStat* joinedStat) {
     struct stat st;
-    if (lstat(joined, &st) == 0) return !S_ISLNK(st.st_mode);
+    if (lstat(joined, &st) == 0) {
+        if (joinedStat != nullptr) *joinedStat = EntryStat{true, st};
+        return !S_ISLNK(st.st_mode);
+    }
     // A name not there (yet) in a folder that is: the folder plus the name,
     // as realpath of the folder would make it.
     return (errno == ENOENT || errno == ENOTDIR) && stat(dir, &st) == 0;
@@ -918,10 +926,17 @@ bool CNfs3Prog::GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char*
 }
 
 bool CNfs3Prog::GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr) {
+    FileSystemIds fileSystems;
+    return GetNfsFileAttributes(param, argu, path, attr, EntryStat(), fileSystems);
+}
+
+bool CNfs3Prog::GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr,
+                                     const EntryStat& known, FileSystemIds& fileSystems) {
     if (path == nullptr || attr == nullptr || m_pUtilities == nullptr) return false;
     CRuntimeParam* rp = RuntimeOf(param);
     struct stat st;
-    if (m_pUtilities->OS_GetFileStat(rp, argu, path, &st, nullptr) != 0) return false;
+    if (m_pUtilities->OS_GetFileStat(rp, argu, path, &st, nullptr, known.known ? &known.st : nullptr) != 0)
+        return false;
     attr->type = FileTypeOf(st.st_mode);
     // The old 8-bit major and minor: of the special file for devices, of the
     // file system that holds the file for everything else.
@@ -930,7 +945,7 @@ bool CNfs3Prog::GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const c
     attr->rdev.specdata2 = (uint32_t)(device & 0xFF);
     attr->mode = ConvertFileModeToNfsFileMode((uint32_t)st.st_mode);
     attr->nlink = (uint32_t)st.st_nlink;
-    attr->fsid = CUtilities::GetFileSystemID(path);
+    attr->fsid = FileSystemIdOf(path, st, fileSystems);
     // A redirected file reports its virtual size.
     attr->size = attr->type == NF3REG ? (uint64_t)m_pUtilities->GetFileSize(rp, argu, path, (long long)st.st_size)
                                       : (uint64_t)st.st_size;
@@ -949,6 +964,16 @@ bool CNfs3Prog::GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const c
         attr->atime.seconds, attr->atime.nseconds, attr->mtime.seconds, attr->mtime.nseconds, attr->ctime.seconds,
         attr->ctime.nseconds);
     return true;
+}
+
+unsigned long long CNfs3Prog::FileSystemIdOf(const char* path, const struct stat& st, FileSystemIds& fileSystems) {
+    // statvfs follows a link to wherever it points.
+    if (S_ISLNK(st.st_mode)) return CUtilities::GetFileSystemID(path);
+    for (const auto& known : fileSystems.known)
+        if (known.first == st.st_dev) return known.second;
+    unsigned long long id = CUtilities::GetFileSystemID(path);
+    if (id != CUtilities::UNKNOWN_FILE_SYSTEM_ID) fileSystems.known.emplace_back(st.st_dev, id);
+    return id;
 }
 
 bool CNfs3Prog::GetNfsFileAttributes(const char*, wcc_attr*) { return false; }

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
+#include <utility>
+#include <vector>
 
 #include "FileTable.h"
 #include "ListingCache.h"
@@ -184,6 +188,19 @@ struct mknoddata3 {
 
 // ---- the program ---------------------------------------------------------------
 
+// An lstat made while resolving an entry, kept for its attributes.
+struct EntryStat {
+    bool known = false;
+    struct stat st {};
+};
+
+// File system IDs by device within one listing: the entries of one folder
+// that are no links share their folder's file system, so one statvfs per
+// device serves them all.
+struct FileSystemIds {
+    std::vector<std::pair<dev_t, unsigned long long>> known;
+};
+
 // NFS version 3: decodes the procedure number and runs one of the 22
 // procedure handlers. Every handler is built from the shared steps below
 // (NfsCall, ReadPath, CheckObject, the reply writers), so that it holds only
@@ -260,8 +277,10 @@ public:
     // cannot be resolved.
     nfsstat3 ResolveEntry(CRuntimeParam* rp, LogArgu* argu, const char* dir, const char* name, char* out);
     // The same, with the root of dir's export given.
+    // joinedStat, when given, receives the lstat of dir plus name that the
+    // resolution made, if it made one (known false otherwise).
     nfsstat3 ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::string& root, const char* dir,
-                            const char* name, char* out);
+                            const char* name, char* out, struct EntryStat* joinedStat = nullptr);
     // NFS3_OK when path lies in an export that the caller has mounted; the
     // export then becomes the call's ID and IPC ID. NFS3ERR_ACCES for an
     // export mounted by nobody or by another address, NFS3ERR_IO outside
@@ -272,6 +291,12 @@ public:
     // canonical: path is known to be canonical already (see GetFileHandle).
     bool GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char* path, nfs_fh3* fh, bool canonical = false);
     bool GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr);
+    // The same for the entries of one listing: known, when set, is the lstat
+    // of path taken moments before, and fileSystems remembers the file
+    // system ID of each device seen among the listing's entries.
+    bool GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr,
+                              const struct EntryStat& known, struct FileSystemIds& fileSystems);
+    static unsigned long long FileSystemIdOf(const char* path, const struct stat& st, FileSystemIds& fileSystems);
     // Pre-operation attributes are never taken: always false, attr untouched.
     bool GetNfsFileAttributes(const char* path, wcc_attr* attr);
 
@@ -374,7 +399,7 @@ protected:
     // Whether joined (dir plus an entry name, dir canonical) is canonical
     // as it stands: an entry that is no link, or a missing entry of a folder
     // that exists.
-    static bool IsPlainEntry(const char* dir, const char* joined);
+    static bool IsPlainEntry(const char* dir, const char* joined, struct EntryStat* joinedStat);
     // Reads directory arguments as skipped names: c.path stays empty; a name
     // too long still sets c.argStat.
     void SkipEntry(NfsCall& c);

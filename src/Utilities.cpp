@@ -265,9 +265,15 @@ int CUtilities::OS_SetFileMode(CRuntimeParam* rp, LogArgu* la, const char* path,
                            mode);
 }
 
-int CUtilities::OS_GetFileStat(CRuntimeParam* rp, LogArgu* la, const char* path, struct stat* st, char* err) {
-    int r = lstat(path, st);
-    int e = errno;
+int CUtilities::OS_GetFileStat(CRuntimeParam* rp, LogArgu* la, const char* path, struct stat* st, char* err,
+                               const struct stat* known) {
+    int r = 0, e = 0;
+    if (known != nullptr)
+        *st = *known;
+    else {
+        r = lstat(path, st);
+        e = errno;
+    }
     return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS get file stat \"%s\"", NameOf(la), path);
 }
 
@@ -349,7 +355,7 @@ STATVFS_FIGURE(GetFreeFileSlotsAvailableToCaller, s.f_ffree)
 
 unsigned long long CUtilities::GetFileSystemID(const char* path) {
     struct statvfs64 s;
-    if (statvfs64(path, &s) != 0) return 4;
+    if (statvfs64(path, &s) != 0) return UNKNOWN_FILE_SYSTEM_ID;
     return (unsigned long long)s.f_fsid;
 }
 

@@ -123,7 +123,10 @@ public:
     int OS_FolderCreate(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err);
     int OS_FolderRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
     int OS_SetFileMode(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err);
-    int OS_GetFileStat(CRuntimeParam* rp, LogArgu* la, const char* path, struct stat* st, char* err);
+    // known: an lstat of path the caller took moments before, reported as
+    // this one's result instead of asking again.
+    int OS_GetFileStat(CRuntimeParam* rp, LogArgu* la, const char* path, struct stat* st, char* err,
+                       const struct stat* known = nullptr);
     bool OS_SetFileSize(CRuntimeParam* rp, LogArgu* la, const char* path, unsigned long long size, char* err);
     int OS_FileForceOpen(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
     static bool OS_IsFileExists(const char* path, char* err);
@@ -135,6 +138,8 @@ public:
     static unsigned long long GetTotalFileSlots(const char* path);
     static unsigned long long GetFreeFileSlots(const char* path);
     static unsigned long long GetFreeFileSlotsAvailableToCaller(const char* path);
+    // What GetFileSystemID answers when statvfs fails.
+    static constexpr unsigned long long UNKNOWN_FILE_SYSTEM_ID = 4;
     static unsigned long long GetFileSystemID(const char* path);
     static unsigned long long GetMaxFileSize(const char* path);
     static unsigned long long MaxFileSizeOfType(unsigned long fsType);
