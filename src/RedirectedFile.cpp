@@ -777,11 +777,12 @@ int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long 
     return ReadSegments(pRuntimeParam, pLogArgu, iSeek, pcBuf, iLen, false, nullptr);
 }
 
-bool CRedirectedFile::ReadJoined(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcBuf,
-                                 const JoinedRead& run) {
+bool CRedirectedFile::ReadJoined(LogArgu* pLogArgu, char* pcBuf, const JoinedRead& run) {
     if (run.iLength == 0) return true;
     ++m_iSourceReads;
-    int got = OS_FileReadAt(pRuntimeParam, pLogArgu, run.fd, pcBuf + run.iAt, run.iLength, run.iSourcePosition);
+    // A failure is not logged here: the read piece by piece that follows it
+    // logs what it meets.
+    int got = OS_FileReadAt(nullptr, pLogArgu, run.fd, pcBuf + run.iAt, run.iLength, run.iSourcePosition);
     if (got == (int)run.iLength) return true;
     // Nothing at all: every piece would have read nothing and become zeros.
     if (got == 0) {
@@ -805,7 +806,7 @@ int CRedirectedFile::ReadSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     // is set and the caller reads again piece by piece.
     JoinedRead run;
     auto flush = [&]() {
-        bool whole = ReadJoined(pRuntimeParam, pLogArgu, pcBuf, run);
+        bool whole = ReadJoined(pLogArgu, pcBuf, run);
         run.iLength = 0;
         if (!whole) *pbRedo = true;
         return whole;

@@ -134,7 +134,7 @@ private:
     int ReadSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long long iSeek, char* pcBuf,
                      unsigned int iLen, bool bCoalesce, bool* pbRedo);
     // False when the gathered read did not come back whole or empty.
-    bool ReadJoined(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcBuf, const JoinedRead& run);
+    bool ReadJoined(LogArgu* pLogArgu, char* pcBuf, const JoinedRead& run);
     int SourceIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSourcePath);
     const char* SourcePath(int iSource) const;
     // True when the whole record went in.

@@ -12,6 +12,9 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+
+#include "LogRecorder.h"
 #include "RedirectedFile.h"
 #include "TestSupport.h"
 #include "Utilities.h"
@@ -288,4 +291,33 @@ TEST_F(RedirectedJoinedReadCases, ARunThatStartsPastTheSourceEndReadsAsZeros) {
     EXPECT_EQ(20480, count);
     EXPECT_FALSE(eof);
     EXPECT_EQ(data.substr(0, 4096) + std::string(12288, '\0') + data.substr(8192, 4096), got);
+}
+
+TEST_F(RedirectedJoinedReadCases, AFailedJoinedReadLogsWhatTheReadSegmentBySegmentLogs) {
+    // A folder as the source: it opens, and every read of it fails. The
+    // read stops at the first piece, after the bytes of the segment before.
+    std::string folder = dir / "folder";
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    LogRecorder recorder;
+    utilities.SetCallback(&recorder);
+    CRedirectedFile file(&utilities);
+    file.Open(&rp, 1 * MiB, 0, info.c_str(), 0, 0);
+    ASSERT_TRUE(file.AddSegment(&rp, source.c_str(), 0, 0, 4096, nullptr));
+    for (int i = 1; i < 4; ++i)
+        ASSERT_TRUE(file.AddSegment(&rp, folder.c_str(), i * 4096, i * 4096, 4096, nullptr));
+    std::vector<std::vector<LogRecorder::Line>> lines;
+    for (bool bySegment : {true, false}) {
+        recorder.Clear();
+        std::string out(65536, '\x5A');
+        bool eof = false;
+        int count = RedirectedFileReadProbe::Read(file, &rp, 0, &out[0], 65536, &eof, bySegment);
+        EXPECT_EQ(4096, count);
+        EXPECT_FALSE(eof);
+        EXPECT_EQ(data.substr(0, 4096), out.substr(0, 4096));
+        lines.push_back(recorder.Lines());
+    }
+    utilities.SetCallback(nullptr);
+    ASSERT_EQ(1u, lines[0].size()) << recorder.Dump();
+    EXPECT_NE(std::string::npos, lines[0][0].text.find("Is a directory")) << lines[0][0].text;
+    EXPECT_EQ(lines[0], lines[1]);
 }
