@@ -179,6 +179,10 @@ public:
         CRedirectedFile* file = m_main.GetUtils()->GetRedirectedFile((m_export + "/" + name).c_str());
         return file ? file->GetInfoFileRecordsRead() : 0;
     }
+    long long SourceReads(const std::string& name) {
+        CRedirectedFile* file = m_main.GetUtils()->GetRedirectedFile((m_export + "/" + name).c_str());
+        return file ? file->GetSourceReads() : 0;
+    }
 
     struct nfs_context* Client() {
         if (!m_client) {
@@ -296,6 +300,7 @@ void SequentialRead(benchmark::State& state) {
 
     double plainSeconds = 0, redirectedSeconds = 0;
     bool plainFirst = true;
+    long long sourceReadsBefore = g_setup->SourceReads(redirected);
     for (auto _ : state) {
         long long plainBytes = 0, redirectedBytes = 0;
         auto read = [&](const std::string& name, long long* bytes) {
@@ -321,6 +326,8 @@ void SequentialRead(benchmark::State& state) {
     state.counters["segments"] = (double)((size + segment - 1) / segment);
     state.counters["in_flight"] = depth;
     state.counters["run"] = (double)run;
+    state.counters["source_reads_per_READ"] = (double)(g_setup->SourceReads(redirected) - sourceReadsBefore) /
+                                              ((double)size / READ_SIZE * (double)state.iterations());
 }
 
 // The plain file is read inside its first window, in the page cache as
