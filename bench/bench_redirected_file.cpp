@@ -307,6 +307,7 @@ void ScatteredRandomRead(benchmark::State& state) {
     std::mt19937_64 gen(6);
     long long recordsBefore = file.GetInfoFileRecordsRead();
     long long readsBefore = file.GetInfoFileLookupReads();
+    long long sourceReadsBefore = file.GetSourceReads();
     long long rssBefore = ResidentKiB();
     double redirectedSeconds = 0, plainSeconds = 0;
     for (auto _ : state) {
@@ -330,6 +331,7 @@ void ScatteredRandomRead(benchmark::State& state) {
     state.counters["redirected_to_plain"] = plainSeconds / redirectedSeconds;  // reads-per-second ratio
     state.counters["records_per_lookup"] = (double)(file.GetInfoFileRecordsRead() - recordsBefore) / reads;
     state.counters["info_reads_per_lookup"] = (double)(file.GetInfoFileLookupReads() - readsBefore) / reads;
+    state.counters["source_reads_per_read"] = (double)(file.GetSourceReads() - sourceReadsBefore) / reads;
     state.counters["max_info_bytes_per_lookup"] = (double)file.GetInfoFileLookupMaxBytes();
     state.counters["rss_growth_KiB"] = (double)(ResidentKiB() - rssBefore);
 }

@@ -1,9 +1,10 @@
 // Sequential NFS READ of a redirected file against NFS READ of the same
 // bytes as a plain file: the whole server (started through the controller)
 // on loopback, and a libnfs client reading each file from start to end in
-// 64 KiB READs, one at a time or 16 in flight. The redirected file is made of segments taken
-// in turn from four source files, so that its content equals the plain
-// file's (checked on the first pass). Both files are read in every
+// 64 KiB READs, one at a time or 16 in flight. The redirected file is made
+// of segments taken in turn from four source files, one at a time or in
+// runs that continue each other in one source, so that its content equals
+// the plain file's (checked on the first pass). Both files are read in every
 // iteration, in alternating order, and timed apart, so that their ratio is
 // taken under the same machine load.
 //
@@ -108,19 +109,23 @@ public:
     }
 
     // Registers export/name as a redirected file of segments of segment
-    // bytes, segment i taken from source i % 4; its content is the plain
-    // file's. Sources are written once per segment size.
-    std::string Redirected(long long segment) {
-        std::string name = "redirected-" + std::to_string(segment) + ".bin";
+    // bytes, taken from the four sources in turn, run consecutive segments
+    // at a time: the segments of a run continue each other in one source
+    // (as the pieces of a backup chain often do). Its content is the plain
+    // file's. Sources are written once per layout.
+    std::string Redirected(long long segment, long long run) {
+        std::string name = "redirected-" + std::to_string(segment) + "-" + std::to_string(run) + ".bin";
         std::string path = m_export + "/" + name;
         if (access(path.c_str(), F_OK) == 0) return name;
         std::vector<std::vector<std::pair<long long, long long>>> pieces(SOURCES);
         long long count = (m_size + segment - 1) / segment;
+        auto sourceOf = [&](long long i) { return (size_t)((i / run) % SOURCES); };
         for (long long i = 0; i < count; ++i)
-            pieces[(size_t)(i % SOURCES)].push_back({i * segment, std::min(segment, m_size - i * segment)});
+            pieces[sourceOf(i)].push_back({i * segment, std::min(segment, m_size - i * segment)});
         std::vector<std::string> sources;
         for (int k = 0; k < SOURCES; ++k) {
-            sources.push_back(m_folder + "/source-" + std::to_string(segment) + "-" + std::to_string(k));
+            sources.push_back(m_folder + "/source-" + std::to_string(segment) + "-" + std::to_string(run) + "-" +
+                              std::to_string(k));
             WriteFile(sources.back(), pieces[(size_t)k]);
         }
         WriteFile(path, {});  // the local file, which holds the segment records
@@ -128,8 +133,10 @@ public:
         char err[ERROR_TEXT_SIZE] = "";
         for (long long i = 0; i < count; ++i) {
             long long length = std::min(segment, m_size - i * segment);
-            if (!m_main.AddRedirectedFileSegment(path.c_str(), sources[(size_t)(i % SOURCES)].c_str(),
-                                                 (i / SOURCES) * segment, i * segment, length, err))
+            // Segment i is the (i / run / SOURCES * run + i % run)-th piece of its source.
+            long long fox = (i / run / SOURCES * run + i % run) * segment;
+            if (!m_main.AddRedirectedFileSegment(path.c_str(), sources[sourceOf(i)].c_str(), fox, i * segment,
+                                                 length, err))
                 abort();
         }
         return name;
@@ -171,6 +178,10 @@ public:
     long long RecordsRead(const std::string& name) {
         CRedirectedFile* file = m_main.GetUtils()->GetRedirectedFile((m_export + "/" + name).c_str());
         return file ? file->GetInfoFileRecordsRead() : 0;
+    }
+    long long SourceReads(const std::string& name) {
+        CRedirectedFile* file = m_main.GetUtils()->GetRedirectedFile((m_export + "/" + name).c_str());
+        return file ? file->GetSourceReads() : 0;
     }
 
     struct nfs_context* Client() {
@@ -277,7 +288,8 @@ double ReadAll(const std::string& name, bool check, long long* bytes) {
 void SequentialRead(benchmark::State& state) {
     long long segment = state.range(0);
     int depth = (int)state.range(1);
-    std::string redirected = g_setup->Redirected(segment);
+    long long run = state.range(2);
+    std::string redirected = g_setup->Redirected(segment, run);
     const long long size = g_setup->Size();
     long long bytes = 0;
     // A first pass of each checks the bytes and warms the caches.
@@ -288,6 +300,7 @@ void SequentialRead(benchmark::State& state) {
 
     double plainSeconds = 0, redirectedSeconds = 0;
     bool plainFirst = true;
+    long long sourceReadsBefore = g_setup->SourceReads(redirected);
     for (auto _ : state) {
         long long plainBytes = 0, redirectedBytes = 0;
         auto read = [&](const std::string& name, long long* bytes) {
@@ -312,6 +325,9 @@ void SequentialRead(benchmark::State& state) {
     state.counters["redirected_to_plain"] = plainSeconds / redirectedSeconds;  // throughput ratio
     state.counters["segments"] = (double)((size + segment - 1) / segment);
     state.counters["in_flight"] = depth;
+    state.counters["run"] = (double)run;
+    state.counters["source_reads_per_READ"] = (double)(g_setup->SourceReads(redirected) - sourceReadsBefore) /
+                                              ((double)size / READ_SIZE * (double)state.iterations());
 }
 
 // The plain file is read inside its first window, in the page cache as
@@ -391,11 +407,14 @@ int main(int argc, char** argv) {
     Setup setup;
     g_setup = &setup;
     // Segments of 1 MiB, of 64 KiB (one per READ) and of 16 KiB (four per
-    // READ); one READ at a time, then 16 in flight.
+    // READ), each from another source than the one before; then 16 KiB
+    // segments in runs of four that continue each other in one source. One
+    // READ at a time, then 16 in flight.
     for (int depth : {1, 16})
-        for (long long segment : {MiB, 64 * 1024LL, 16 * 1024LL})
+        for (auto layout : {std::pair<long long, long long>{MiB, 1}, {64 * 1024LL, 1}, {16 * 1024LL, 1},
+                            {16 * 1024LL, 4}})
             benchmark::RegisterBenchmark("NfsSequentialRead", SequentialRead)
-                ->Args({segment, depth})
+                ->Args({layout.first, depth, layout.second})
                 ->Iterations(4)
                 ->Unit(benchmark::kMillisecond)
                 ->UseRealTime();

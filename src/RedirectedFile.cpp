@@ -766,9 +766,51 @@ int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long 
     unsigned long long limit = std::min<unsigned long long>(INT_MAX, (unsigned long long)(LLONG_MAX - iSeek));
     if (iLen > limit) iLen = (unsigned int)limit;
 
+    // Joined reads skip the per-segment descriptor lookups and read lines,
+    // so they are left to reads that log none of them.
+    bool coalesce = !m_bReadBySegment && !IsLogOn(pRuntimeParam, CRuntimeParam::LOG_FILE_ACCESS);
+    if (coalesce) {
+        bool redo = false;
+        int count = ReadSegments(pRuntimeParam, pLogArgu, iSeek, pcBuf, iLen, true, &redo);
+        if (!redo) return count;
+    }
+    return ReadSegments(pRuntimeParam, pLogArgu, iSeek, pcBuf, iLen, false, nullptr);
+}
+
+bool CRedirectedFile::ReadJoined(LogArgu* pLogArgu, char* pcBuf, const JoinedRead& run) {
+    if (run.iLength == 0) return true;
+    ++m_iSourceReads;
+    // A failure is not logged here: the read piece by piece that follows it
+    // logs what it meets.
+    int got = OS_FileReadAt(nullptr, pLogArgu, run.fd, pcBuf + run.iAt, run.iLength, run.iSourcePosition);
+    if (got == (int)run.iLength) return true;
+    // Nothing at all: every piece would have read nothing and become zeros.
+    if (got == 0) {
+        memset(pcBuf + run.iAt, 0, run.iLength);
+        return true;
+    }
+    // A source that ends inside the run, or an error: the pieces one by one
+    // would go on differently from here.
+    return false;
+}
+
+int CRedirectedFile::ReadSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long long iSeek, char* pcBuf,
+                                  unsigned int iLen, bool bCoalesce, bool* pbRedo) {
     bool logAccess = IsLogOn(pRuntimeParam, CRuntimeParam::LOG_FILE_ACCESS);
     long long p = iSeek;
     unsigned int f = 0;
+    // With bCoalesce, pieces that go on where the previous one stopped, in
+    // the same source and in the buffer, are gathered into one read. The
+    // gathered read comes back whole (or empty) whenever the pieces read one
+    // by one would each have come back whole (or empty); otherwise *pbRedo
+    // is set and the caller reads again piece by piece.
+    JoinedRead run;
+    auto flush = [&]() {
+        bool whole = ReadJoined(pLogArgu, pcBuf, run);
+        run.iLength = 0;
+        if (!whole) *pbRedo = true;
+        return whole;
+    };
     ProcSegment cursor;
     GetSegment(pRuntimeParam, iSeek, &cursor);
     while (cursor.index >= 0) {
@@ -799,23 +841,39 @@ int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long 
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Segment (%d) path:%s, fox:%llu, len:%d (seek:%llu)",
                                   pLogArgu->pcName, m_iId, sourcePath ? sourcePath : "Null",
                                   (unsigned long long)iSeek, (int)n, (unsigned long long)sourcePosition);
-        if (n > 0) {
+        if (n > 0 && bCoalesce && sourcePath && run.iLength > 0 && run.iSource == segment.iSource &&
+            run.iSourcePosition + run.iLength == sourcePosition && run.iAt + run.iLength == f) {
+            run.iLength += (unsigned int)n;
+            p += n;
+            f += (unsigned int)n;
+        } else if (n > 0) {
+            // The gathered read goes first: opening another source may close
+            // cached descriptors, the gathered one among them.
+            if (bCoalesce && !flush()) return (int)f;
             int fd = sourcePath ? GetFileHandle(pRuntimeParam, pLogArgu, sourcePath, false) : -1;
             // A position that cannot be sought to stops the read.
             if (sourcePosition < 0) return (int)f;
-            int got = OS_FileReadAt(pRuntimeParam, pLogArgu, fd, pcBuf + f, (unsigned int)n, sourcePosition);
-            if (got < 0) return (int)f;
-            if (got == 0) {
-                // The source ends before the segment does: its missing bytes
-                // read as zeros, as a missing source does.
-                memset(pcBuf + f, 0, (size_t)n);
-                got = (int)n;
+            if (bCoalesce && fd != -1) {
+                run = JoinedRead{segment.iSource, fd, sourcePosition, f, (unsigned int)n};
+                p += n;
+                f += (unsigned int)n;
+            } else {
+                if (fd != -1) ++m_iSourceReads;
+                int got = OS_FileReadAt(pRuntimeParam, pLogArgu, fd, pcBuf + f, (unsigned int)n, sourcePosition);
+                if (got < 0) return (int)f;
+                if (got == 0) {
+                    // The source ends before the segment does: its missing
+                    // bytes read as zeros, as a missing source does.
+                    memset(pcBuf + f, 0, (size_t)n);
+                    got = (int)n;
+                }
+                p += got;
+                f += (unsigned int)got;
             }
-            p += got;
-            f += (unsigned int)got;
         }
         if (f >= iLen) break;
     }
+    if (bCoalesce && !flush()) return (int)f;
     // No segment left: zeros up to the size, as far as the buffer goes.
     if (cursor.index < 0 && m_iPos < m_iSize) {
         long long fill = std::max(0LL, std::min<long long>(m_iSize - p, iLen - f));

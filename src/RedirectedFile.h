@@ -105,15 +105,36 @@ public:
     // bytes that one lookup read (for measurements).
     long long GetInfoFileLookupReads() const { return m_iInfoFileLookupReads; }
     long long GetInfoFileLookupMaxBytes() const { return m_iInfoFileLookupMaxBytes; }
+    // Read calls made on source files since the file was built (for
+    // measurements).
+    long long GetSourceReads() const { return m_iSourceReads; }
 
 private:
     // Tests compare the indexed lookups with the plain scans.
     friend struct RedirectedFileLookupProbe;
+    friend struct RedirectedFileReadProbe;
 
     void CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment);
     void GetSegment(CRuntimeParam* pRuntimeParam, long long iSeek, ProcSegment* pCursor);
     void GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* pCursor);
     int Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long long iSeek, char* pcBuf, unsigned int iLen);
+    // iLength bytes of source iSource (descriptor fd) from iSourcePosition
+    // on, for the caller's buffer at iAt: pieces of consecutive segments
+    // read with one call.
+    struct JoinedRead {
+        int iSource = -1;
+        int fd = -1;
+        long long iSourcePosition = 0;
+        unsigned int iAt = 0;
+        unsigned int iLength = 0;
+    };
+    // The inner read, piece by piece or (bCoalesce) with pieces that
+    // continue each other in one source read together; *pbRedo tells that
+    // a gathered read came back short and the result is not to be used.
+    int ReadSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, long long iSeek, char* pcBuf,
+                     unsigned int iLen, bool bCoalesce, bool* pbRedo);
+    // False when the gathered read did not come back whole or empty.
+    bool ReadJoined(LogArgu* pLogArgu, char* pcBuf, const JoinedRead& run);
     int SourceIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSourcePath);
     const char* SourcePath(int iSource) const;
     // True when the whole record went in.
@@ -181,6 +202,7 @@ private:
     long long m_iInfoFileRecordsRead = 0;
     long long m_iInfoFileLookupReads = 0;
     long long m_iInfoFileLookupMaxBytes = 0;
+    long long m_iSourceReads = 0;
     // Indexes of the in-memory list and of the info file's records. The
     // info-file index belongs to the file identified by m_iIndexedDevice and
     // m_iIndexedInode, and is trusted to grow only by appended records.
@@ -195,6 +217,9 @@ private:
     // Lookups by the plain scans only, and the next segment read at the
     // descriptor's position (reference for comparisons).
     bool m_bPlainLookup = false;
+    // Reads piece by piece, without joining the pieces of consecutive
+    // segments (reference for comparisons).
+    bool m_bReadBySegment = false;
     // The last run of info-file records read, from record m_iRunFirst on
     // (the info file only grows, so they stay what the file holds), and the
     // info-file position right after the record taken last, where
