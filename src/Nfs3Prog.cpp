@@ -867,8 +867,11 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
 bool CNfs3Prog::IsPlainEntry(const char* dir, const char* joined, EntryStat* joinedStat) {
     struct stat st;
     if (lstat(joined, &st) == 0) {
+        // A link is read when it is resolved, which may move its access
+        // time: its attributes are taken afresh afterwards.
+        if (S_ISLNK(st.st_mode)) return false;
         if (joinedStat != nullptr) *joinedStat = EntryStat{true, st};
-        return !S_ISLNK(st.st_mode);
+        return true;
     }
     // A name not there (yet) in a folder that is: the folder plus the name,
     // as realpath of the folder would make it.

@@ -278,7 +278,8 @@ public:
     nfsstat3 ResolveEntry(CRuntimeParam* rp, LogArgu* argu, const char* dir, const char* name, char* out);
     // The same, with the root of dir's export given.
     // joinedStat, when given, receives the lstat of dir plus name that the
-    // resolution made, if it made one (known false otherwise).
+    // resolution made, if it made one and the entry is no link (known false
+    // otherwise).
     nfsstat3 ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::string& root, const char* dir,
                             const char* name, char* out, struct EntryStat* joinedStat = nullptr);
     // NFS3_OK when path lies in an export that the caller has mounted; the

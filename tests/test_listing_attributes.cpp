@@ -5,6 +5,7 @@
 // file system mounted on it has that file system's ID.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -69,6 +70,12 @@ TEST(ListingAttributes, EntriesOnOtherFileSystemsAndLinksCarryWhatGetattrGives) 
     ASSERT_EQ(0, symlink("second", (root + "/link-to-second").c_str()));
     ASSERT_EQ(0, symlink("/proc", (root + "/link-to-proc").c_str()));
     ASSERT_EQ(0, symlink("a", (root + "/link-to-a").c_str()));
+    // Links with an access time older than their change: resolving one reads
+    // it, which moves its access time, and its entry must show the new one.
+    for (const char* link : {"link-to-mounted", "link-to-second", "link-to-proc", "link-to-a"}) {
+        const timespec times[2] = {{1000000, 0}, {0, UTIME_OMIT}};
+        ASSERT_EQ(0, utimensat(AT_FDCWD, (root + "/" + link).c_str(), times, AT_SYMLINK_NOFOLLOW)) << link;
+    }
     ASSERT_TRUE(server->Start(&err)) << err;
 
     // Three file systems' IDs among the entries, or the test proves nothing.
