@@ -159,9 +159,18 @@ nfsstat3 CNfs3Prog::CheckObject(NfsCall& c, bool mustExist) {
 }
 
 nfsstat3 CNfs3Prog::CheckObject(NfsCall& c, fattr3& attr) {
-    nfsstat3 stat = CheckObject(c, true);
-    if (stat == NFS3_OK && !GetNfsFileAttributes(c.param, &c.argu, c.path, &attr)) stat = NFS3ERR_IO;
-    return stat;
+    nfsstat3 stat = CheckMount(c);
+    if (stat != NFS3_OK) return stat;
+    // What is no link exists exactly when lstat finds it, and that lstat
+    // gives its attributes too. A link is followed for the existence check,
+    // which may move its access time: its attributes are taken afterwards.
+    EntryStat known;
+    if (lstat(c.path, &known.st) == 0 && !S_ISLNK(known.st.st_mode))
+        known.known = true;
+    else if (CheckPath(c.path, true) != NFS3_OK)
+        return NFS3ERR_IO;
+    FileSystemIds fileSystems;
+    return GetNfsFileAttributes(c.param, &c.argu, c.path, &attr, known, fileSystems) ? NFS3_OK : NFS3ERR_IO;
 }
 
 void CNfs3Prog::WritePostOpAttr(COutputStream* out, const fattr3* attr) {

@@ -2,6 +2,7 @@
 // files of an exported temporary folder.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -104,6 +105,32 @@ TEST_F(Nfs3Attributes, GetattrSendsTheAttributesByteForByte) {
     EXPECT_EQ((uint64_t)st.st_ino, a.fileid);  // the inode, not the file table ID
     EXPECT_EQ((uint32_t)st.st_mtime, a.mtime);
     EXPECT_EQ(0u, a.mtimeNs);
+}
+
+// A handle's path that became a link: the link must lead somewhere, and its
+// attributes are those of the link itself as they stand after it was
+// followed (following it may move its access time).
+TEST_F(Nfs3Attributes, GetattrOfAPathThatBecameALinkFollowsItToCheckAndShowsTheLink) {
+    std::string target = File("target");
+    std::string replaced = File("replaced");
+    std::string dangling = File("dangling");
+    Bytes replacedHandle = server.Handle(replaced);
+    Bytes danglingHandle = server.Handle(dangling);
+    ASSERT_EQ(0, unlink(replaced.c_str()));
+    ASSERT_EQ(0, symlink("target", replaced.c_str()));
+    ASSERT_EQ(0, unlink(dangling.c_str()));
+    ASSERT_EQ(0, symlink("nowhere", dangling.c_str()));
+    const timespec oldAccess[2] = {{1000000, 0}, {0, UTIME_OMIT}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, replaced.c_str(), oldAccess, AT_SYMLINK_NOFOLLOW));
+
+    Bytes results = server.Results(PROC_GETATTR, HandleArgs(replacedHandle));
+    Fattr3 expected = ExpectedFattr3(replaced);
+    EXPECT_EQ(5u, expected.type);
+    EXPECT_NE(1000000u, expected.atime);  // following it moved the access time
+    EXPECT_EQ(Join({Words({0}), Encode(expected)}), results);
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(danglingHandle)));
+    ASSERT_EQ(0, unlink(target.c_str()));
+    EXPECT_EQ(Words({5}), server.Results(PROC_GETATTR, HandleArgs(replacedHandle)));
 }
 
 TEST_F(Nfs3Attributes, GetattrReportsMode01777As0777) {
