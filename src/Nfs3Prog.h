@@ -188,7 +188,8 @@ struct mknoddata3 {
 
 // ---- the program ---------------------------------------------------------------
 
-// An lstat made while resolving an entry, kept for its attributes.
+// An lstat of a path that is no link, made by an earlier step of a call
+// (resolving an entry, the existence check) and kept for its attributes.
 struct EntryStat {
     bool known = false;
     struct stat st {};
@@ -292,9 +293,9 @@ public:
     // canonical: path is known to be canonical already (see GetFileHandle).
     bool GetNfsFileHandle(ProcessParam* param, LogArgu* argu, const char* path, nfs_fh3* fh, bool canonical = false);
     bool GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr);
-    // The same for the entries of one listing: known, when set, is the lstat
-    // of path taken moments before, and fileSystems remembers the file
-    // system ID of each device seen among the listing's entries.
+    // The same with what earlier steps of the call learnt: known, when set,
+    // is the lstat of path taken moments before, and fileSystems remembers
+    // the file system ID of each device seen in the same reply.
     bool GetNfsFileAttributes(ProcessParam* param, LogArgu* argu, const char* path, fattr3* attr,
                               const struct EntryStat& known, struct FileSystemIds& fileSystems);
     static unsigned long long FileSystemIdOf(const char* path, const struct stat& st, FileSystemIds& fileSystems);
