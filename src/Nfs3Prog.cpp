@@ -848,7 +848,6 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
     }
     char joined[PATH_BUFFER_SIZE], resolved[PATH_BUFFER_SIZE];
     if (!AppendFilePath(dir, name, joined)) return NFS3_OK;
-    struct stat st;
     if (m_bResolveShortcut && IsEntryName(name) && IsPlainPath(dir) && IsPlainEntry(dir, joined, joinedStat)) {
         // The folders of the file table are canonical, and an entry that is
         // no link adds nothing to resolve: the joined path is what realpath
@@ -860,6 +859,7 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
         // there later would go where the link points.
         char folder[PATH_BUFFER_SIZE];
         if (realpath(dir, folder) == nullptr || !AppendFilePath(folder, name, resolved)) return NFS3_OK;
+        struct stat st;
         if (lstat(resolved, &st) == 0 && S_ISLNK(st.st_mode)) {
             Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Link leads nowhere: %s", NameOf(argu), resolved);
             return NFS3ERR_ACCES;

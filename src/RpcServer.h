@@ -35,8 +35,7 @@ struct RPC_STM_HEADER {
 // The ONC RPC dispatcher shared by every socket of the server. It finds call
 // headers in a connection's input, routes each call to the program
 // registered for it and sends the replies, once what their calls changed is
-// on stable storage. One mutex serialises all RPC work
-// of the process.
+// on stable storage. One mutex serialises all RPC work of the process.
 class CRpcServer : public ISocketListener {
 public:
     static constexpr unsigned long FIRST_PROGRAM = 100000;

@@ -95,12 +95,16 @@ bool CSocket::Send() {
 
 bool CSocket::ReceiveArrived() {
     if (m_iType != TYPE_TCP || m_Socket == -1) return false;
-    m_pInputStream->ConsolidateBuffer(0);
-    if (m_pInputStream->GetFreeBufferSize() == 0) return false;
-    ssize_t n = recv(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(), MSG_DONTWAIT);
+    ssize_t n = ReceiveStream(MSG_DONTWAIT);
     if (n <= 0) return false;
     m_pInputStream->AddFilledBufferSize((uint32_t)n);
     return true;
+}
+
+ssize_t CSocket::ReceiveStream(int flags) {
+    // Behind what is still unparsed, at the end of the input.
+    m_pInputStream->ConsolidateBuffer(0);
+    return recv(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(), flags);
 }
 
 bool CSocket::SendAll(const unsigned char* data, uint32_t size) {
@@ -146,8 +150,7 @@ void CSocket::Run() {
     while (m_Socket != -1) {
         ssize_t n;
         if (m_iType == TYPE_TCP) {
-            m_pInputStream->ConsolidateBuffer(0);
-            n = recv(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(), 0);
+            n = ReceiveStream(0);
             if (n < 0 && errno == EINTR) continue;
         } else {
             // Every datagram stands alone: nothing of an earlier one, whole

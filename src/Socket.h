@@ -66,6 +66,8 @@ private:
     static void* ThreadMain(void* self);
     void Run();
     bool SendAll(const unsigned char* data, uint32_t size);
+    // recv of a stream into the free end of the input stream.
+    ssize_t ReceiveStream(int flags);
 
     int m_iType;
     int m_Socket = -1;

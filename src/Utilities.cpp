@@ -913,13 +913,12 @@ int CUtilities::WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, un
         fd = GetCachedFileHandle(rp, la, pcPath, false);
     } else {
         std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
-        fd = GetCachedFileHandle(rp, la, pcPath, false);
-        pSync->Reset(fd == -1 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0));
-        if (fd != -1 && !pSync->IsOpen() && errno == EMFILE) {
-            // Out of descriptors: cached ones make room, as for an open.
-            CloseExceededCachedFileHandle(rp, la);
+        for (int attempt = 0; attempt < 2; ++attempt) {
             fd = GetCachedFileHandle(rp, la, pcPath, false);
             pSync->Reset(fd == -1 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0));
+            if (fd == -1 || pSync->IsOpen() || errno != EMFILE) break;
+            // Out of descriptors: cached ones make room, as for an open.
+            CloseExceededCachedFileHandle(rp, la);
         }
         fd = pSync->Get();
     }
