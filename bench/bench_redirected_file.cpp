@@ -18,7 +18,10 @@
 // AddScatteredSegments adds them through the controller (time, resident
 // memory growth: the info file holds the records, the index about a third of
 // a byte each); ScatteredRandomRead as RandomRead, with the info-file reads
-// and bytes per lookup; ScatteredReopen opens the info file again in a new
+// and bytes per lookup, and two references: a plain file read through the
+// service, and one raw read of a lookup's info-file bytes at a random record
+// (one_info_read_ceiling: the best ratio to plain reads that any lookup
+// reading the info file once can reach here); ScatteredReopen opens the info file again in a new
 // object and reads once (the index is built from the file), timed.
 //
 //   REDIRECTED_BENCH_SEGMENTS=10000000 bench_redirected_file --benchmark_filter=Scattered
@@ -304,31 +307,63 @@ void ScatteredRandomRead(benchmark::State& state) {
             if (pread(fd, buffer.data(), READ_SIZE, at) != (ssize_t)READ_SIZE) abort();
         close(fd);
     }
+    bool warmEof;  // one lookup first, so that its read size is known
+    service.ReadFile(&Quiet(), &la, scattered.path.c_str(), 0, SEEK_SET, buffer.data(), READ_SIZE, &warmEof);
     std::mt19937_64 gen(6);
     long long recordsBefore = file.GetInfoFileRecordsRead();
     long long readsBefore = file.GetInfoFileLookupReads();
     long long sourceReadsBefore = file.GetSourceReads();
     long long rssBefore = ResidentKiB();
-    double redirectedSeconds = 0, plainSeconds = 0;
+    // Two references for the lookup's share: a plain file read through the
+    // same service, and one raw read of as many info-file bytes as a lookup
+    // reads, at a random record. Any lookup that reads the info file once
+    // costs at least the latter, so plain / (plain + info read) is the best
+    // ratio such a lookup can reach on this machine.
+    const std::string& plainPath = Space().sources[3];
+    int info = open(scattered.path.c_str(), O_RDONLY);
+    struct stat infoStat;
+    if (info == -1 || fstat(info, &infoStat) != 0) abort();
+    const long long infoRecords = (long long)infoStat.st_size / SEGMENT_RECORD_SIZE;
+    const long long lookupBytes = (long long)file.GetInfoFileLookupMaxBytes();
+    std::mt19937_64 recordGen(7);
+    double redirectedSeconds = 0, plainSeconds = 0, serviceSeconds = 0, infoSeconds = 0;
     for (auto _ : state) {
         long long offset = (long long)(gen() % (unsigned long long)(FILE_SIZE - READ_SIZE));
+        long long plainOffset = offset % (SCATTERED_WINDOW - READ_SIZE);
+        // Elsewhere than the plain read, which would leave its bytes in the CPU's caches.
+        long long serviceOffset = (long long)(recordGen() % (unsigned long long)(SCATTERED_WINDOW - READ_SIZE));
+        long long record = infoRecords > 0 ? (long long)(recordGen() % (unsigned long long)infoRecords) : 0;
         bool eof;
         auto t0 = std::chrono::steady_clock::now();
         int count = service.ReadFile(&Quiet(), &la, scattered.path.c_str(), (unsigned long long)offset, SEEK_SET,
                                      buffer.data(), READ_SIZE, &eof);
         auto t1 = std::chrono::steady_clock::now();
-        ssize_t direct = pread(plain, buffer.data(), READ_SIZE, offset % (SCATTERED_WINDOW - READ_SIZE));
+        ssize_t direct = pread(plain, buffer.data(), READ_SIZE, plainOffset);
         auto t2 = std::chrono::steady_clock::now();
-        if (count != (int)READ_SIZE || direct != (ssize_t)READ_SIZE) state.SkipWithError("short read");
+        int served = service.ReadFile(&Quiet(), &la, plainPath.c_str(), (unsigned long long)serviceOffset, SEEK_SET,
+                                      buffer.data(), READ_SIZE, &eof);
+        auto t3 = std::chrono::steady_clock::now();
+        if (lookupBytes > 0 && pread(info, buffer.data(), (size_t)lookupBytes, record * SEGMENT_RECORD_SIZE) < 0)
+            state.SkipWithError("info read");
+        auto t4 = std::chrono::steady_clock::now();
+        if (count != (int)READ_SIZE || direct != (ssize_t)READ_SIZE || served != (int)READ_SIZE)
+            state.SkipWithError("short read");
         benchmark::DoNotOptimize(buffer.data());
         redirectedSeconds += std::chrono::duration<double>(t1 - t0).count();
         plainSeconds += std::chrono::duration<double>(t2 - t1).count();
+        serviceSeconds += std::chrono::duration<double>(t3 - t2).count();
+        infoSeconds += std::chrono::duration<double>(t4 - t3).count();
     }
+    close(info);
     close(plain);
     double reads = (double)state.iterations();
     state.counters["redirected_us"] = redirectedSeconds / reads * 1e6;
     state.counters["plain_us"] = plainSeconds / reads * 1e6;
+    state.counters["plain_service_us"] = serviceSeconds / reads * 1e6;
+    state.counters["info_read_us"] = infoSeconds / reads * 1e6;
     state.counters["redirected_to_plain"] = plainSeconds / redirectedSeconds;  // reads-per-second ratio
+    state.counters["redirected_to_plain_service"] = serviceSeconds / redirectedSeconds;
+    state.counters["one_info_read_ceiling"] = plainSeconds / (plainSeconds + infoSeconds);
     state.counters["records_per_lookup"] = (double)(file.GetInfoFileRecordsRead() - recordsBefore) / reads;
     state.counters["info_reads_per_lookup"] = (double)(file.GetInfoFileLookupReads() - readsBefore) / reads;
     state.counters["source_reads_per_read"] = (double)(file.GetSourceReads() - sourceReadsBefore) / reads;
