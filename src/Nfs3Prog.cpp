@@ -564,7 +564,11 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* in, COutputStream* out, ProcessParam
     if (c.stat == NFS3_OK) {
         Log(c.rp, CRuntimeParam::LOG_PROC_FUNC_ARGU, "[%s] Offset=%llu, length=%u, count=%u", c.argu.pcName,
             (unsigned long long)offset, data.iBufLen, count);
-        const uint64_t maxSize = CUtilities::GetMaxFileSize(c.path);
+        // Within the smallest limit of any file system the limit of this one
+        // need not be looked up: the answer is the same.
+        const uint64_t smallest = CUtilities::SMALLEST_MAX_FILE_SIZE;
+        const uint64_t maxSize =
+            offset <= smallest && count <= smallest - offset ? smallest : CUtilities::GetMaxFileSize(c.path);
         if (offset > maxSize || count > maxSize - offset) {
             c.stat = NFS3ERR_FBIG;
         } else if (count != 0) {
@@ -574,16 +578,22 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* in, COutputStream* out, ProcessParam
             const uint32_t received = (uint32_t)(in->GetCurrentBuffer() - data.pBuf) + in->GetFilledBufferSize();
             uint32_t length = count < WRITE_MAX_COUNT ? count : WRITE_MAX_COUNT;
             if (length > received) length = received;
-            CFileDescriptor toSync;
-            int result = m_pUtilities->WriteFile(c.rp, &c.argu, c.path, offset, SEEK_SET, data.pBuf, length,
-                                                 &toSync);
+            // A batch that holds a descriptor of this file from an earlier
+            // write lends it, so that this write needs no duplicate of its own.
+            CStableBatch* batch = c.param != nullptr ? c.param->pStableBatch : nullptr;
+            CUtilities::WriteSync sync;
+            if (batch != nullptr) sync.held = batch->HeldFor(c.path, &sync.closes);
+            int result = m_pUtilities->WriteFile(c.rp, &c.argu, c.path, offset, SEEK_SET, data.pBuf, length, &sync);
             if (result < 0)
                 c.stat = NFS3ERR_INVAL;
             else
                 written = (uint32_t)result;
             // FILE_SYNC is true: the data is on stable storage before the
             // reply leaves. A redirected file is answered by its controller.
-            if (result > 0 && toSync.IsOpen()) c.stat = SyncBeforeReply(c, std::move(toSync), false, 1);
+            if (result > 0 && batch != nullptr)
+                batch->AddWritten(c.path, std::move(sync.duplicate), sync.held, sync.closes);
+            else if (result > 0 && sync.duplicate.IsOpen())
+                c.stat = SyncBeforeReply(c, std::move(sync.duplicate), false, 1);
         }
     }
     if (c.stat != NFS3_OK) {

@@ -44,28 +44,67 @@ void CStableBatch::DropReply() {
 }
 
 void CStableBatch::Add(CFileDescriptor fd, bool folder, int wccCount) {
+    bool added;
+    AddTarget(std::move(fd), folder, wccCount, &added);
+}
+
+void CStableBatch::AddWritten(const char* path, CFileDescriptor duplicate, int held, unsigned long long closes) {
+    if (duplicate.IsOpen()) {
+        bool added;
+        const size_t target = AddTarget(std::move(duplicate), false, 1, &added);
+        // Only a descriptor of the write's own stands for the next writes: a
+        // file already here may be held through one opened only to sync it.
+        if (target != NO_TARGET && added) m_written.push_back(Written{path, closes, target});
+        return;
+    }
+    if (held == -1) return;
+    for (const Written& written : m_written) {
+        if (m_targets[written.target].fd.Get() != held) continue;
+        AddReply(written.target, 1);
+        return;
+    }
+}
+
+int CStableBatch::HeldFor(const char* path, unsigned long long* closes) const {
+    for (auto written = m_written.rbegin(); written != m_written.rend(); ++written) {
+        if (written->path != path) continue;
+        *closes = written->closes;
+        return m_targets[written->target].fd.Get();
+    }
+    return -1;
+}
+
+size_t CStableBatch::AddTarget(CFileDescriptor fd, bool folder, int wccCount, bool* added) {
+    *added = false;
     struct stat st;
-    if (!fd.IsOpen() || fstat(fd.Get(), &st) != 0) return;
+    if (!fd.IsOpen() || fstat(fd.Get(), &st) != 0) return NO_TARGET;
+    // One sync per file: the descriptor that came first stands for all.
+    size_t target = NO_TARGET;
+    for (size_t t = 0; t < m_targets.size(); ++t) {
+        if (m_targets[t].dev == st.st_dev && m_targets[t].ino == st.st_ino && m_targets[t].folder == folder) target = t;
+    }
+    if (target == NO_TARGET) {
+        m_targets.emplace_back();
+        target = m_targets.size() - 1;
+        m_targets[target].fd = std::move(fd);
+        m_targets[target].folder = folder;
+        m_targets[target].dev = st.st_dev;
+        m_targets[target].ino = st.st_ino;
+        *added = true;
+    }
+    AddReply(target, wccCount);
+    return target;
+}
+
+void CStableBatch::AddReply(size_t target, int wccCount) {
     if (!m_currentAdded) {
         m_replies.push_back(m_current);
         m_currentAdded = true;
     }
     const size_t reply = m_replies.size() - 1;
     if (wccCount > m_replies[reply].wccCount) m_replies[reply].wccCount = wccCount;
-    // One sync per file: the descriptor that came first stands for all.
-    Target* target = nullptr;
-    for (Target& t : m_targets) {
-        if (t.dev == st.st_dev && t.ino == st.st_ino && t.folder == folder) target = &t;
-    }
-    if (target == nullptr) {
-        m_targets.emplace_back();
-        target = &m_targets.back();
-        target->fd = std::move(fd);
-        target->folder = folder;
-        target->dev = st.st_dev;
-        target->ino = st.st_ino;
-    }
-    if (target->replies.empty() || target->replies.back() != reply) target->replies.push_back(reply);
+    std::vector<size_t>& replies = m_targets[target].replies;
+    if (replies.empty() || replies.back() != reply) replies.push_back(reply);
 }
 
 int CStableBatch::Flush(COutputStream* out, int* error) {
@@ -78,6 +117,7 @@ int CStableBatch::Flush(COutputStream* out, int* error) {
     }
     if (failures > 0 && out != nullptr) RewriteFailed(out);
     m_targets.clear();
+    m_written.clear();
     m_replies.clear();
     m_currentAdded = false;
     return failures;

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "FileDescriptor.h"
@@ -35,6 +36,14 @@ public:
     // reply's results become NFS3ERR_IO and wccCount empty wcc_data. A
     // descriptor of a file already in the batch is only closed.
     void Add(CFileDescriptor fd, bool folder, int wccCount);
+    // A WRITE of path: as Add with the duplicate descriptor it went through,
+    // which stands for the path's next writes in this batch (see
+    // CUtilities::WriteSync; closes is the count it was taken at); without
+    // one, the write went through held, the descriptor HeldFor gave.
+    void AddWritten(const char* path, CFileDescriptor duplicate, int held, unsigned long long closes);
+    // The descriptor a write of path in this batch went through, -1 if none;
+    // *closes receives the descriptor cache's count it was taken at.
+    int HeldFor(const char* path, unsigned long long* closes) const;
     bool IsEmpty() const { return m_targets.empty(); }
 
     // Syncs what was added and rewrites the replies whose sync failed;
@@ -66,10 +75,22 @@ private:
         bool failed = false;
         int wccCount = 0;
     };
+    struct Written {
+        std::string path;
+        unsigned long long closes = 0;
+        size_t target = 0;
+    };
+    static constexpr size_t NO_TARGET = (size_t)-1;
+    // Adds fd's file or folder for the current reply; the index of its
+    // target, NO_TARGET when fd is unusable, and *added whether fd became it.
+    size_t AddTarget(CFileDescriptor fd, bool folder, int wccCount, bool* added);
+    // The current reply waits for target's sync.
+    void AddReply(size_t target, int wccCount);
     // Rebuilds the output with the failed replies rewritten.
     void RewriteFailed(COutputStream* out);
 
     std::vector<Target> m_targets;
+    std::vector<Written> m_written;
     std::vector<Reply> m_replies;
     Reply m_current;
     bool m_currentAdded = false;  // m_current is the last of m_replies

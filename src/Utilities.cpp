@@ -238,6 +238,14 @@ int CUtilities::OS_FileReadAt(CRuntimeParam* rp, LogArgu* la, int fd, void* buf,
     return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS read file (%d) at %lld", NameOf(la), fd, offset);
 }
 
+int CUtilities::OS_FileWriteAt(CRuntimeParam* rp, LogArgu* la, int fd, const void* buf, unsigned int len,
+                               long long offset, char* err) {
+    if (fd == -1) return (int)ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS write file (%d)", NameOf(la), fd);
+    ssize_t r = pwrite64(fd, buf, len, offset);
+    int e = errno;
+    return (int)ReportCall(rp, r, e, nullptr, err, "[%s] OS write file (%d)", NameOf(la), fd);
+}
+
 long long CUtilities::OS_FileTell(CRuntimeParam* rp, LogArgu* la, int fd, char* err) {
     if (fd == -1) return ReportCall(rp, -1, 0, BAD_DESCRIPTOR, err, "[%s] OS tell file (%d)", NameOf(la), fd);
     off64_t r = lseek64(fd, 0, SEEK_CUR);
@@ -443,6 +451,7 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la) {
                 if (row->second.iFile != -1)
                     OS_FileClose(rp, la, row->second.sPath.c_str(), row->second.iFile, nullptr);
                 m_OpenedFileHandles.erase(row);
+                ++m_iCachedRowsClosed;
                 ++freed;
             }
             m_OpenedFileLastAccessList.erase(oldest);
@@ -453,6 +462,7 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la) {
     for (auto& row : m_OpenedFileHandles) {
         if (row.second.iFile != -1) OS_FileClose(rp, la, row.second.sPath.c_str(), row.second.iFile, nullptr);
     }
+    m_iCachedRowsClosed += m_OpenedFileHandles.size();
     m_OpenedFileHandles.clear();
     m_OpenedFileLastAccessList.clear();
 }
@@ -796,6 +806,7 @@ void CUtilities::CloseCachedRow(CRuntimeParam* rp, LogArgu* la, OpenedFileMap::i
     m_OpenedFileLastAccessList.erase(row->second.sTimeKey);
     if (row->second.iFile != -1) OS_FileClose(rp, la, row->second.sPath.c_str(), row->second.iFile, nullptr);
     m_OpenedFileHandles.erase(row);
+    ++m_iCachedRowsClosed;
 }
 
 int CUtilities::GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* pcPath, bool bAlwaysReadWrite) {
@@ -859,6 +870,7 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* rp, LogArgu* la) {
     for (auto& row : m_OpenedFileHandles) {
         if (row.second.iFile != -1) OS_FileClose(rp, la, row.second.sPath.c_str(), row.second.iFile, nullptr);
     }
+    m_iCachedRowsClosed += m_OpenedFileHandles.size();
     m_OpenedFileHandles.clear();
     m_OpenedFileLastAccessList.clear();
 }
@@ -901,7 +913,7 @@ int CUtilities::ReadFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, uns
 }
 
 int CUtilities::WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek,
-                          int iSeekType, const void* pvBuf, unsigned int iLen, CFileDescriptor* pSync) {
+                          int iSeekType, const void* pvBuf, unsigned int iLen, WriteSync* pSync) {
     if (rp && rp->IsLogFileAccess())
         LogInfo(rp, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", NameOf(la), OrEmpty(pcPath),
                 iSeek, iSeekType, iLen);
@@ -915,14 +927,23 @@ int CUtilities::WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, un
         std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
         for (int attempt = 0; attempt < 2; ++attempt) {
             fd = GetCachedFileHandle(rp, la, pcPath, false);
-            pSync->Reset(fd == -1 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0));
-            if (fd == -1 || pSync->IsOpen() || errno != EMFILE) break;
+            if (fd != -1 && pSync->held != -1 && pSync->closes == m_iCachedRowsClosed) break;
+            pSync->held = -1;
+            pSync->closes = m_iCachedRowsClosed;
+            pSync->duplicate.Reset(fd == -1 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0));
+            if (fd == -1 || pSync->duplicate.IsOpen() || errno != EMFILE) break;
             // Out of descriptors: cached ones make room, as for an open.
             CloseExceededCachedFileHandle(rp, la);
         }
-        fd = pSync->Get();
+        fd = pSync->held != -1 ? pSync->held : pSync->duplicate.Get();
     }
     if (fd == -1) return -1;
+    // Where a seek could not fail, one positional write does what the seek
+    // and the write do, save the descriptor's position; the two calls stay
+    // where file access is logged, so that the lines are the same.
+    const bool logged = rp && rp->IsLogFileAccess();
+    if (!logged && iSeekType == SEEK_SET && iSeek <= (unsigned long long)INT64_MAX - iLen)
+        return OS_FileWriteAt(rp, la, fd, pvBuf, iLen, (long long)iSeek, nullptr);
     OS_FileSeek(rp, la, fd, (long long)iSeek, iSeekType, nullptr);
     return OS_FileWrite(rp, la, fd, pvBuf, iLen, nullptr);
 }

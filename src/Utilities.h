@@ -120,6 +120,10 @@ public:
     // where a seek and a read would take two).
     int OS_FileReadAt(CRuntimeParam* rp, LogArgu* la, int fd, void* buf, unsigned int len, long long offset,
                       char* err);
+    // Writes at offset without moving the descriptor's position; reports as
+    // OS_FileWrite does.
+    int OS_FileWriteAt(CRuntimeParam* rp, LogArgu* la, int fd, const void* buf, unsigned int len, long long offset,
+                       char* err);
     int OS_FolderCreate(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err);
     int OS_FolderRemove(CRuntimeParam* rp, LogArgu* la, const char* path, char* err);
     int OS_SetFileMode(CRuntimeParam* rp, LogArgu* la, const char* path, int mode, char* err);
@@ -143,6 +147,8 @@ public:
     static unsigned long long GetFileSystemID(const char* path);
     static unsigned long long GetMaxFileSize(const char* path);
     static unsigned long long MaxFileSizeOfType(unsigned long fsType);
+    // The least MaxFileSizeOfType answers (FAT's).
+    static constexpr unsigned long long SMALLEST_MAX_FILE_SIZE = 1ULL << 32;
 
     static unsigned long long GetCurrentSystemTimeInMilliseconds();
     static void GetPrintableFileSize(unsigned long long size, char* out, size_t outSize = 32);
@@ -230,12 +236,21 @@ public:
     // File operations by path; iSeekType is the lseek origin.
     int ReadFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek, int iSeekType,
                  void* pvBuf, unsigned int iLen, bool* pbEof);
-    // With pSync, a plain file is written through a duplicate of its cached
-    // descriptor (so that another thread thinning the cache cannot close it
-    // meanwhile) and pSync receives it, for the caller to sync the data; it
-    // stays closed for a redirected file. -1 when it cannot be duplicated.
+    // The descriptor a write of a plain file went through, for the caller
+    // that syncs the data. The write goes through a duplicate of the cached
+    // descriptor, so that another thread thinning the cache cannot close it
+    // meanwhile: `held`, one the caller already has of this path's cached
+    // descriptor, as long as the cache has closed nothing since `closes`;
+    // otherwise a new one, left in `duplicate` (with `held` -1 and `closes`
+    // the count it was taken at). A redirected file leaves both unset.
+    struct WriteSync {
+        int held = -1;
+        unsigned long long closes = 0;
+        CFileDescriptor duplicate;
+    };
+    // With pSync, as above; -1 when no duplicate can be taken.
     int WriteFile(CRuntimeParam* rp, LogArgu* la, const char* pcPath, unsigned long long iSeek, int iSeekType,
-                  const void* pvBuf, unsigned int iLen, CFileDescriptor* pSync = nullptr);
+                  const void* pvBuf, unsigned int iLen, WriteSync* pSync = nullptr);
     // iSize is returned when the size cannot be found.
     long long GetFileSize(CRuntimeParam* rp, LogArgu* la, const char* pcPath, long long iSize);
     // pCreated, when given, receives the new file's descriptor instead of it
@@ -334,6 +349,9 @@ protected:
     OpenedFileMap m_OpenedFileHandles;
     std::map<std::string, std::string> m_OpenedFileLastAccessList;
     std::recursive_mutex m_hMutexOpenedFileHandles;
+    // Rows that left the cache (their descriptors closed): while it stands
+    // still, every cached path still has the descriptor it had.
+    unsigned long long m_iCachedRowsClosed = 0;
 
     // ---- members of the file table, export and session tables ---------------
     // Lock order: descriptor cache, then export table, then file table; the

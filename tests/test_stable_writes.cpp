@@ -346,6 +346,26 @@ TEST_F(StableWrites, SetattrOfTheSizeSyncsTheFile) {
     EXPECT_EQ(std::string(100, 'd'), ReadWholeFile(export_ / "disk.vmdk"));
 }
 
+TEST_F(StableWrites, ASizeChangeAndWritesOfOneFileInOnePipelineAllReachTheFile) {
+    // The size change brings the file into the batch through a descriptor
+    // opened only to sync it; the writes behind it must not be lent that one.
+    WriteWholeFile(export_ / "grown.vmdk", std::string(4 * WRITE_SIZE, 'o'));
+    Start();
+    const unsigned long long ino = InodeOf(export_ / "grown.vmdk");
+    nfsfh* fh = Open("grown.vmdk");
+    ASSERT_NE(nullptr, fh);
+    int truncated = 1;
+    auto done = [](int status, nfs_context*, void*, void* result) { *static_cast<int*>(result) = status; };
+    ASSERT_EQ(0, nfs_ftruncate_async(Nfs(), fh, 2 * WRITE_SIZE, done, &truncated));
+    std::vector<std::pair<nfsfh*, uint64_t>> targets;
+    for (int i = 0; i < PIPELINE; ++i) targets.emplace_back(fh, (uint64_t)i * WRITE_SIZE);
+    std::vector<SentWrite> writes = Pipeline(targets, std::vector<unsigned long long>(PIPELINE, ino));
+    EXPECT_EQ(0, truncated);
+    ExpectSyncedBeforeReply(writes);
+    nfs_close(Nfs(), fh);
+    EXPECT_EQ(std::string(PIPELINE * WRITE_SIZE, 'p'), ReadWholeFile(export_ / "grown.vmdk"));
+}
+
 TEST_F(StableWrites, AFailedFolderSyncAnswersIo) {
     Start("failing");
     EXPECT_EQ(0, nfs_mkdir(Nfs(), "/failing")) << nfs_get_error(Nfs());
