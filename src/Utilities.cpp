@@ -821,7 +821,14 @@ int CUtilities::GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* 
     OpenedFileInfo copy;
     if (found != m_OpenedFileHandles.end()) copy = found->second;
     if (copy.iFile == -1) {
-        if (m_OpenedFileHandles.size() >= MaxCachedFileHandles()) CloseExceededCachedFileHandle(rp, la);
+        // The descriptor limit is looked up once a second, not for every open:
+        // it seldom changes, and an open that finds it lowered meanwhile
+        // thins the cache and retries all the same.
+        if (now != m_iCacheBoundSecond) {
+            m_iCacheBound = MaxCachedFileHandles();
+            m_iCacheBoundSecond = now;
+        }
+        if (m_OpenedFileHandles.size() >= m_iCacheBound) CloseExceededCachedFileHandle(rp, la);
         bool readWrite = bAlwaysReadWrite || GetMountInfoByPath(rp, la, pcPath, nullptr);
         if (rp && rp->IsLogFileAccess())
             LogInfo(rp, "[%s] open %s mode %s", NameOf(la), readWrite ? "read/write" : "read only", pcPath);

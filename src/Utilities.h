@@ -349,6 +349,9 @@ protected:
     OpenedFileMap m_OpenedFileHandles;
     std::map<std::string, std::string> m_OpenedFileLastAccessList;
     std::recursive_mutex m_hMutexOpenedFileHandles;
+    // MaxCachedFileHandles as of the second m_iCacheBoundSecond.
+    size_t m_iCacheBound = MAX_CACHED_FILE_HANDLES;
+    time_t m_iCacheBoundSecond = 0;
     // Rows that left the cache (their descriptors closed): while it stands
     // still, every cached path still has the descriptor it had.
     unsigned long long m_iCachedRowsClosed = 0;
