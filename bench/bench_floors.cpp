@@ -6,11 +6,13 @@
 //                     the open, seek to the end and close of its size through
 //                     a cached descriptor (a listing larger than the cache
 //                     opens one per entry and closes as many when thinning).
-//   ReadCall/copy     the server's side of one 64 KiB READ over loopback TCP,
+//   ReadCall/mode:0   the server's side of one 64 KiB READ over loopback TCP,
 //                     16 in flight: receive the call, pread the data, fstat,
 //                     send header and data; CPU time of the serving thread.
-//   ReadCall/splice   the same with the data spliced from the file through a
+//   ReadCall/mode:1   the same with the data spliced from the file through a
 //                     pipe to the socket instead of read and sent.
+//   ReadCall/mode:2   copied, with the calls that arrived together taken in
+//                     one receive and their replies sent in one send.
 //   SyncBatch/N       N writes of 16 KiB appended to a new file on the disk's
 //                     file system, then one fdatasync: what a stable batch of
 //                     N pipelined WRITEs costs at least.
@@ -119,33 +121,56 @@ bool SendAll(int fd, const char* from, int n, int flags) {
     return true;
 }
 
+enum ReadMode { COPY, SPLICE, COPY_BATCHED };
+
 // Serves calls READs of the file on the connection; the CPU time it took.
-double ServeReads(int connection, int file, long long fileSize, int calls, bool splicing) {
-    std::vector<char> reply(HEADER_SIZE + READ_SIZE);
-    char call[CALL_SIZE];
+// COPY_BATCHED takes every call that has arrived in one receive and sends
+// their replies in one send, as the engine does.
+double ServeReads(int connection, int file, long long fileSize, int calls, ReadMode mode) {
+    std::vector<char> replies((size_t)IN_FLIGHT * (HEADER_SIZE + READ_SIZE));
+    std::vector<char> received((size_t)IN_FLIGHT * CALL_SIZE);
     int pipeEnds[2];
     if (pipe(pipeEnds) != 0) abort();
     fcntl(pipeEnds[1], F_SETPIPE_SZ, 1 << 20);
     const double start = ThreadCpuMicroseconds();
     long long offset = 0;
-    for (int i = 0; i < calls && ReceiveAll(connection, call, CALL_SIZE); ++i) {
+    int pending = 0;  // bytes of calls received and not yet served
+    for (int served = 0; served < calls;) {
+        int batch = 1;
+        if (mode == COPY_BATCHED) {
+            while (pending < CALL_SIZE) {
+                ssize_t n = recv(connection, received.data() + pending, received.size() - (size_t)pending, 0);
+                if (n <= 0) return ThreadCpuMicroseconds() - start;
+                pending += (int)n;
+            }
+            batch = pending / CALL_SIZE;
+            pending -= batch * CALL_SIZE;
+            memmove(received.data(), received.data() + batch * CALL_SIZE, (size_t)pending);
+        } else if (!ReceiveAll(connection, received.data(), CALL_SIZE)) {
+            break;
+        }
         struct stat st;
-        if (!splicing) {
-            if (pread(file, reply.data() + HEADER_SIZE, READ_SIZE, offset) != READ_SIZE) abort();
-            fstat(file, &st);
-            if (!SendAll(connection, reply.data(), (int)reply.size(), 0)) break;
-        } else {
+        if (mode == SPLICE) {
             loff_t at = offset;
             ssize_t moved = splice(file, &at, pipeEnds[1], nullptr, READ_SIZE, 0);
             fstat(file, &st);
-            if (moved != READ_SIZE || !SendAll(connection, reply.data(), HEADER_SIZE, MSG_MORE)) break;
+            if (moved != READ_SIZE || !SendAll(connection, replies.data(), HEADER_SIZE, MSG_MORE)) break;
             for (ssize_t sent = 0; sent < moved;) {
                 ssize_t r = splice(pipeEnds[0], nullptr, connection, nullptr, (size_t)(moved - sent), SPLICE_F_MORE);
                 if (r <= 0) abort();
                 sent += r;
             }
+        } else {
+            for (int k = 0; k < batch; ++k) {
+                char* reply = replies.data() + (size_t)k * (HEADER_SIZE + READ_SIZE);
+                if (pread(file, reply + HEADER_SIZE, READ_SIZE, offset) != READ_SIZE) abort();
+                fstat(file, &st);
+                offset = (offset + READ_SIZE) % fileSize;
+            }
+            if (!SendAll(connection, replies.data(), batch * (HEADER_SIZE + READ_SIZE), 0)) break;
         }
-        offset = (offset + READ_SIZE) % fileSize;
+        if (mode == SPLICE) offset = (offset + READ_SIZE) % fileSize;
+        served += batch;
     }
     const double used = ThreadCpuMicroseconds() - start;
     close(pipeEnds[0]);
@@ -154,7 +179,7 @@ double ServeReads(int connection, int file, long long fileSize, int calls, bool 
 }
 
 void ReadCall(benchmark::State& state) {
-    const bool splicing = state.range(0) != 0;
+    const ReadMode mode = (ReadMode)state.range(0);
     const int calls = 20000;
     const long long fileSize = 256LL << 20;
     const std::string folder = NewFolder();
@@ -178,7 +203,7 @@ void ReadCall(benchmark::State& state) {
             int connection = accept(listener, nullptr, nullptr);
             int file = open(path.c_str(), O_RDONLY);
             setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            cpu = ServeReads(connection, file, fileSize, calls, splicing);
+            cpu = ServeReads(connection, file, fileSize, calls, mode);
             close(file);
             close(connection);
         });
@@ -292,7 +317,7 @@ void RecordRead(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(ListingEntry)->Arg(10000)->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK(ReadCall)->ArgName("splice")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(ReadCall)->ArgName("mode")->Arg(COPY)->Arg(SPLICE)->Arg(COPY_BATCHED)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(SyncBatch)->ArgName("writes")->Arg(8)->Arg(16)->Unit(benchmark::kMicrosecond)->Iterations(500);
 BENCHMARK(RecordRead)->Unit(benchmark::kMicrosecond)->Iterations(200000);
 
