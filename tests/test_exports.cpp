@@ -24,12 +24,6 @@ std::vector<std::string> Logged(const LogRecorder& log) {
 
 LogArgu la{"NfsMain.AddMountPoint"};
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_MAX];
-    EXPECT_NE(nullptr, realpath(path.c_str(), out)) << path;
-    return out;
-}
-
 // A file service whose log lines are recorded.
 struct Service {
     LogRecorder log;

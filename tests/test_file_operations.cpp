@@ -37,12 +37,6 @@ bool HasLine(const LogRecorder& log, const std::string& line) {
 
 LogArgu la{"Nfs3Prog.ProcedureREAD"};
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_MAX];
-    EXPECT_NE(nullptr, realpath(path.c_str(), out)) << path;
-    return out;
-}
-
 bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
 off_t SizeOf(const std::string& path) {

@@ -17,12 +17,6 @@
 
 namespace {
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_MAX];
-    EXPECT_NE(nullptr, realpath(path.c_str(), out)) << path;
-    return out;
-}
-
 std::string Content(int reader, int file) {
     std::string text;
     for (int i = 0; i < 50; ++i) text += "r" + std::to_string(reader) + "f" + std::to_string(file) + ";";

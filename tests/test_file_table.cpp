@@ -18,12 +18,6 @@ namespace {
 
 LogArgu la{"Test.FileTable"};
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_MAX];
-    EXPECT_NE(nullptr, realpath(path.c_str(), out)) << path;
-    return out;
-}
-
 std::string Name(int i) { return "/export/dir/file" + std::to_string(i); }
 
 std::string PathOf(CFileTable& table, unsigned int id) {

@@ -27,11 +27,6 @@ namespace {
 
 const char* const CHANNEL = "/tmp/nfs-server";
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_BUFFER_SIZE];
-    return realpath(path.c_str(), out) ? std::string(out) : path;
-}
-
 class IpcClientTest : public testing::Test {
 protected:
     void SetUp() override {

@@ -35,11 +35,6 @@ const char* const EXPORT_NAME = "datastore";
 const char* const MOUNT_OPTIONS = "nfsport=2049&mountport=1058&auto-traverse-mounts=0";
 constexpr long long MiB = 1LL << 20;
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_BUFFER_SIZE];
-    return realpath(path.c_str(), out) ? std::string(out) : path;
-}
-
 // Bytes that differ at every position of every seed.
 std::string Content(uint32_t seed, size_t n) {
     std::string out(n, '\0');

@@ -29,11 +29,6 @@ const char* const ATTRIBUTES_LINE = "------------------------ ATTRIBUTES of file
 const char* const FILE_IO_LINE = "-------------------------------- FILE IO ---------------------------------";
 const char* const END_LINE = "================================ END TEST ================================";
 
-std::string Canonical(const std::string& path) {
-    char resolved[PATH_MAX];
-    return realpath(path.c_str(), resolved) ? std::string(resolved) : path;
-}
-
 std::string ErrorText(int errnum) {
     char text[ERROR_TEXT_SIZE] = "";
     CUtilities::GetLastErrorText(text, errnum);

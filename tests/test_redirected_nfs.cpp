@@ -120,11 +120,6 @@ long long LocalSize(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? (long long)st.st_size : -1;
 }
 
-std::string Canonical(const std::string& path) {
-    char resolved[PATH_MAX];
-    return realpath(path.c_str(), resolved) ? std::string(resolved) : path;
-}
-
 // Answers every notification with the recorder's answer, except that writes
 // may be answered with their own length (a controller that takes them all).
 class Controller : public NotificationRecorder {

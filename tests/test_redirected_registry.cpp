@@ -24,12 +24,6 @@ constexpr long long MiB = 1LL << 20;
 
 using Call = NotificationRecorder::Call;
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_MAX];
-    EXPECT_NE(nullptr, realpath(path.c_str(), out)) << path;
-    return out;
-}
-
 off_t SizeOf(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? st.st_size : -1;

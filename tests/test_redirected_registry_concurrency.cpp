@@ -25,12 +25,6 @@ namespace {
 constexpr long long KiB = 1024;
 constexpr long long MiB = 1024 * KiB;
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_MAX];
-    EXPECT_NE(nullptr, realpath(path.c_str(), out)) << path;
-    return out;
-}
-
 std::string RandomBytes(size_t n, unsigned seed) {
     std::string data(n, '\0');
     std::mt19937 gen(seed);

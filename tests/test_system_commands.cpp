@@ -38,11 +38,6 @@ void WriteStandIn(const std::string& folder, const std::string& name, const std:
     ASSERT_EQ(0, rename(temporary.c_str(), path.c_str()));  // never rewrite a script in place
 }
 
-std::string Canonical(const std::string& path) {
-    char resolved[PATH_MAX];
-    return realpath(path.c_str(), resolved) ? std::string(resolved) : path;
-}
-
 void PutFirstOnPath(const std::string& folder) {
     const char* old = getenv("PATH");
     std::string path = folder + ":" + (old ? old : "/usr/bin:/bin");

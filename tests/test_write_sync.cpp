@@ -29,12 +29,6 @@ ino_t InodeOfPath(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
-std::string Canonical(const std::string& path) {
-    char out[PATH_MAX];
-    EXPECT_NE(nullptr, realpath(path.c_str(), out)) << path;
-    return out;
-}
-
 struct Exported {
     TempDir dir;
     CUtilities u;
@@ -114,7 +108,7 @@ TEST(WriteSync, AnyCloseInTheCacheEndsTheLoan) {
     EXPECT_EQ("ab", ReadWholeFile(e.dir / "f"));
 }
 
-TEST(WriteSync, ARedirectedOrMissingFileLeavesNothingToSync) {
+TEST(WriteSync, AFileThatCannotBeOpenedLeavesNothingToSync) {
     Exported e;
     CUtilities::WriteSync sync;
     EXPECT_EQ(-1, e.Write(e.file + ".missing", 0, "a", &sync));

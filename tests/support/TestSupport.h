@@ -23,6 +23,9 @@ private:
 void WriteWholeFile(const std::string& path, const std::string& data);
 std::string ReadWholeFile(const std::string& path);
 bool PathExists(const std::string& path);
+// path with every link, "." and ".." resolved (realpath); path itself when
+// it cannot be resolved (it does not exist, say).
+std::string Canonical(const std::string& path);
 // The names of folder in the order the file system gives them, without "."
 // and "..": what a fresh scan finds.
 std::vector<std::string> FolderNames(const std::string& folder);
