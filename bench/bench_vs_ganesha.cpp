@@ -614,11 +614,13 @@ void Report(benchmark::State& state, const std::string& key, const std::string& 
     row.ratio.push_back(engine / ganesha);
 }
 
-// The order of the servers in a figure's next iteration, and whether a
-// first untimed pass has warmed both (caches of ganesha, page cache).
+// The order of the servers in a figure's next iteration, and whether
+// untimed passes have warmed both (caches of ganesha, page cache): one
+// each, or as many as fill warmSeconds.
 struct Order {
     bool engineFirst = true;
     bool warmed = false;
+    double warmSeconds = 0;
 };
 
 // Runs pass on both servers in every iteration, in the order that
@@ -626,13 +628,15 @@ struct Order {
 // server's CPU seconds of each pass added to its tally.
 bool Interleaved(benchmark::State& state, Order& order, const std::function<bool(int, Tally&)>& pass,
                  Tally tally[2]) {
-    for (int s = ENGINE; !order.warmed && s <= GANESHA; ++s) {
-        Tally ignored;
-        if (!pass(s, ignored)) {
-            state.SkipWithError((std::string(SERVER_NAMES[s]) + " answered wrong").c_str());
-            return false;
+    const double warmEnd = Now() + order.warmSeconds;
+    for (bool first = true; !order.warmed && (first || Now() < warmEnd); first = false)
+        for (int s = ENGINE; s <= GANESHA; ++s) {
+            Tally ignored;
+            if (!pass(s, ignored)) {
+                state.SkipWithError((std::string(SERVER_NAMES[s]) + " answered wrong").c_str());
+                return false;
+            }
         }
-    }
     order.warmed = true;
     bool& engineFirst = order.engineFirst;
     for (auto _ : state) {
@@ -839,7 +843,10 @@ bool ListPass(rpc_context* rpc, Handle& dir, int count, double* seconds, long lo
 }
 
 void Readdirplus(benchmark::State& state) {
-    static Order order[2];
+    // The engine's descriptor cache forgets by whole seconds: right after
+    // the 10,000 files of the figures before, a smaller folder's listing
+    // reopens its files for up to a second, so its warm-up outlasts that.
+    static Order order[2] = {{true, false, 1.5}, {}};
     const int count = (int)state.range(0);
     const bool big = count == BIG_FOLDER;
     Bench& b = *g_bench;

@@ -103,7 +103,8 @@ FileItem* CFileTable::FindByScan(const char* path) {
 // pass would stop at the one whose ID entered the recent list first, and the
 // full pass at the lowest ID.
 FileItem* CFileTable::FindByIndex(const char* path) {
-    auto found = m_mPathIDs.find(path);
+    m_sLookupKey.assign(path);  // reuses its room: no allocation per lookup
+    auto found = m_mPathIDs.find(m_sLookupKey);
     if (found == m_mPathIDs.end()) return nullptr;
     const std::vector<unsigned int>& ids = found->second;
     FileItem* recent = nullptr;

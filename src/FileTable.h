@@ -83,6 +83,7 @@ private:
     // path -> IDs of the rows holding it, ascending (one unless renames
     // made two rows share a path).
     std::unordered_map<std::string, std::vector<unsigned int>> m_mPathIDs;
+    std::string m_sLookupKey;  // the key of the last index lookup
     // ID -> order of its entry in m_vCache (IDs in the list are unique).
     std::unordered_map<unsigned int, unsigned long long> m_mCacheOrder;
     unsigned long long m_lNextCacheOrder = 0;

@@ -46,11 +46,23 @@ CRuntimeParam* RuntimeOf(ProcessParam* param) { return param ? param->pRuntimePa
 
 // Whether path is the folder root or lies beneath it; both are compared with
 // a trailing slash, as the export table does.
-bool IsInside(const char* path, std::string root) {
-    std::string slashed = path;
-    CUtilities::SetPathToCompare(slashed);
-    CUtilities::SetPathToCompare(root);
-    return slashed.compare(0, root.size(), root) == 0;
+bool IsInside(const char* path, const std::string& root) {
+    if (root.empty()) return true;
+    // root and path as the table compares them, each with one trailing
+    // slash added unless it has one, without copying either.
+    const size_t rootLength = root.back() == '/' ? root.size() : root.size() + 1;
+    const size_t length = strlen(path);
+    if (length >= rootLength)
+        return memcmp(path, root.data(), root.size()) == 0 && (root.size() == rootLength || path[root.size()] == '/');
+    // Only the slash added to path can complete the match.
+    return length > 0 && length + 1 == rootLength && path[length - 1] != '/' && memcmp(path, root.data(), length) == 0;
+}
+
+// Copies src into out (PATH_BUFFER_SIZE bytes), cut to fit.
+void CopyPath(char* out, const char* src) {
+    const size_t length = strnlen(src, PATH_BUFFER_SIZE - 1);
+    memcpy(out, src, length);
+    out[length] = '\0';
 }
 
 uint32_t FileTypeOf(mode_t mode) {
@@ -853,7 +865,7 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
                                    const char* name, char* out, EntryStat* joinedStat) {
     out[0] = '\0';
     if (strcmp(name, "..") == 0 && root == dir) {
-        snprintf(out, PATH_BUFFER_SIZE, "%s", dir);  // the root's parent is outside: the root stands for it
+        CopyPath(out, dir);  // the root's parent is outside: the root stands for it
         return NFS3_OK;
     }
     char joined[PATH_BUFFER_SIZE], resolved[PATH_BUFFER_SIZE];
@@ -862,7 +874,7 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
         // The folders of the file table are canonical, and an entry that is
         // no link adds nothing to resolve: the joined path is what realpath
         // would give, without a readlink per component.
-        snprintf(resolved, sizeof resolved, "%s", joined);
+        CopyPath(resolved, joined);
     } else if (realpath(joined, resolved) == nullptr) {
         // Not there (yet), or a link that leads nowhere: the resolved folder
         // plus the name, which must not be a link, since whatever is made
@@ -879,7 +891,7 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
         Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Entry leads out of its export: %s", NameOf(argu), resolved);
         return NFS3ERR_ACCES;
     }
-    snprintf(out, PATH_BUFFER_SIZE, "%s", resolved);
+    CopyPath(out, resolved);
     return NFS3_OK;
 }
 
@@ -1008,12 +1020,12 @@ bool CNfs3Prog::AppendFilePath(const char* dir, const char* name, char* out) {
     if (out == nullptr) return false;
     out[0] = '\0';
     if (dir == nullptr || name == nullptr) return false;
-    int n = snprintf(out, PATH_BUFFER_SIZE, "%s%c%s", dir, 47, name);
-    if (n < 0 || (size_t)n >= PATH_BUFFER_SIZE) {
-        // A cut path would name some other file.
-        out[0] = '\0';
-        return false;
-    }
+    const size_t dirLength = strlen(dir), nameLength = strlen(name);
+    // A cut path would name some other file.
+    if (dirLength + 1 + nameLength >= PATH_BUFFER_SIZE) return false;
+    memcpy(out, dir, dirLength);
+    out[dirLength] = '/';
+    memcpy(out + dirLength + 1, name, nameLength + 1);
     return true;
 }
 
