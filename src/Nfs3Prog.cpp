@@ -870,11 +870,12 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
     }
     char joined[PATH_BUFFER_SIZE], resolved[PATH_BUFFER_SIZE];
     if (!AppendFilePath(dir, name, joined)) return NFS3_OK;
+    const char* result = resolved;
     if (m_bResolveShortcut && IsEntryName(name) && IsPlainPath(dir) && IsPlainEntry(dir, joined, joinedStat)) {
         // The folders of the file table are canonical, and an entry that is
         // no link adds nothing to resolve: the joined path is what realpath
         // would give, without a readlink per component.
-        CopyPath(resolved, joined);
+        result = joined;
     } else if (realpath(joined, resolved) == nullptr) {
         // Not there (yet), or a link that leads nowhere: the resolved folder
         // plus the name, which must not be a link, since whatever is made
@@ -887,11 +888,11 @@ nfsstat3 CNfs3Prog::ResolveEntryIn(CRuntimeParam* rp, LogArgu* argu, const std::
             return NFS3ERR_ACCES;
         }
     }
-    if (!IsInside(resolved, root)) {
-        Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Entry leads out of its export: %s", NameOf(argu), resolved);
+    if (!IsInside(result, root)) {
+        Log(rp, CRuntimeParam::LOG_ERROR, "[%s] Entry leads out of its export: %s", NameOf(argu), result);
         return NFS3ERR_ACCES;
     }
-    CopyPath(out, resolved);
+    CopyPath(out, result);
     return NFS3_OK;
 }
 

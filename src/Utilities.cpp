@@ -459,12 +459,7 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* rp, LogArgu* la) {
         return;
     }
     if (logAccess) LogInfo(rp, "[%s] Close exceeded cached file handle: ALL", NameOf(la));
-    for (auto& row : m_OpenedFileHandles) {
-        if (row.second.iFile != -1) OS_FileClose(rp, la, row.second.sPath.c_str(), row.second.iFile, nullptr);
-    }
-    m_iCachedRowsClosed += m_OpenedFileHandles.size();
-    m_OpenedFileHandles.clear();
-    m_OpenedFileLastAccessList.clear();
+    CloseAllCachedFileHandles(rp, la);
 }
 
 // ---- path convention -------------------------------------------------------
