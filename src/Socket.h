@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -68,6 +69,12 @@ private:
     bool SendAll(const unsigned char* data, uint32_t size);
     // recv of a stream into the free end of the input stream.
     ssize_t ReceiveStream(int flags);
+    // The next bytes of a stream: polled for POLL_BEFORE_SLEEP first when
+    // poll is set and this is the process's only stream, then waited for.
+    ssize_t ReceiveSoonOrWait(bool poll);
+    static constexpr std::chrono::microseconds POLL_BEFORE_SLEEP{25};
+    // Calls served within this time leave the processor to the next poll.
+    static constexpr std::chrono::microseconds QUICK_SERVICE{200};
 
     int m_iType;
     int m_Socket = -1;

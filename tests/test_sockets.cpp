@@ -1,11 +1,16 @@
 // TCP listeners, UDP sockets and their connection threads, on loopback.
 #include <gtest/gtest.h>
 
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <fstream>
 #include <memory>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -24,7 +29,7 @@ constexpr uint32_t VERS = 3;
 // A dispatcher serving the test program as program 100005.
 struct Served {
     RpcServerHarness harness;
-    TestRpcProg prog{&harness.Utilities(), VERS, 6};
+    TestRpcProg prog{&harness.Utilities(), VERS, 7};
     Served() { harness.Server().Set(PROG, &prog); }
 };
 
@@ -33,7 +38,106 @@ bool NullCall(RpcTestClient& client, uint32_t xid) {
     return client.Call(xid, PROG, VERS, TestRpcProg::PROC_NULL, {}, reply) && reply.acceptStat == 0;
 }
 
+// How often a thread of this process has gone to sleep.
+long SleepsOf(int tid) {
+    std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("voluntary_ctxt_switches:", 0) == 0) return std::stol(line.substr(24));
+    return -1;
+}
+
+// Makes calls of proc on client, each 8 microseconds after the last reply:
+// later than a thread that sleeps at once is asleep, sooner than one that
+// looks for its next call stops looking. How often the thread that serves
+// them went to sleep meanwhile. The client and the serving thread run on
+// processors of their own; the client sends calls built beforehand and waits
+// for each reply without sleeping, so that neither its wake-up nor its own
+// work moves the timing.
+long SleepsServing(Served& s, RpcTestClient& client, uint32_t proc, int calls) {
+    RpcReply reply;
+    if (!client.Call(1, PROG, VERS, proc, {}, reply) || reply.acceptStat != 0) return -1;
+    const size_t replySize = reply.message.size() + 4;
+    std::vector<Bytes> messages;
+    for (int i = 0; i < calls; ++i) messages.push_back(WithRecordMark(BuildRpcCall((uint32_t)i + 2, PROG, VERS, proc)));
+    const int tid = s.prog.LastThread();
+    cpu_set_t mine, theirs;
+    CPU_ZERO(&mine);
+    CPU_ZERO(&theirs);
+    CPU_SET(0, &mine);
+    CPU_SET(1, &theirs);
+    if (sched_setaffinity(0, sizeof mine, &mine) != 0 || sched_setaffinity(tid, sizeof theirs, &theirs) != 0)
+        return -1;
+    const long before = SleepsOf(tid);
+    unsigned char received[256];
+    for (const Bytes& message : messages) {
+        const auto next = std::chrono::steady_clock::now() + std::chrono::microseconds(8);
+        while (std::chrono::steady_clock::now() < next) {
+        }
+        if (!client.SendRaw(message)) return -1;
+        for (size_t got = 0; got < replySize;) {
+            ssize_t n = recv(client.Fd(), received, sizeof received, MSG_DONTWAIT);
+            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) return -1;
+            if (n > 0) got += (size_t)n;
+            if (got > replySize) return -1;
+        }
+    }
+    return SleepsOf(tid) - before;
+}
+
 }  // namespace
+
+TEST(ServerSocket, OnlyConnectionLooksForItsNextCallBeforeSleeping) {
+    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two processors";
+    Served s;
+    RpcServerHarness::Endpoint* e = s.harness.Listen(PROG, 0, 0, 3);
+    ASSERT_NE(nullptr, e);
+    RpcTestClient client(RpcTestClient::TCP, e->tcpPort);
+    // A call that follows its reply soon is found while the thread still
+    // looks, so most calls cost it no sleep; a thread that slept at once
+    // would sleep once per call.
+    const int calls = 500;
+    const long sleeps = SleepsServing(s, client, TestRpcProg::PROC_NULL, calls);
+    ASSERT_GE(sleeps, 0);
+    EXPECT_LT(sleeps, calls / 2);
+    // A call that comes long after the last one is still answered.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(NullCall(client, 1000));
+}
+
+TEST(ServerSocket, ConnectionsSleepAtOnceWhenOthersAreOpen) {
+    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two processors";
+    Served s;
+    RpcServerHarness::Endpoint* e = s.harness.Listen(PROG, 0, 0, 3);
+    ASSERT_NE(nullptr, e);
+    RpcTestClient other(RpcTestClient::TCP, e->tcpPort);
+    ASSERT_TRUE(NullCall(other, 1));
+    RpcTestClient client(RpcTestClient::TCP, e->tcpPort);
+    const int calls = 300;
+    const long sleeps = SleepsServing(s, client, TestRpcProg::PROC_NULL, calls);
+    ASSERT_GE(sleeps, 0);
+    EXPECT_GE(sleeps, calls * 3 / 4);
+    // Once the other connection is gone, the last one looks again.
+    other.Close();
+    ASSERT_TRUE(WaitUntil([&] { return !e->tcp->GetConnection(0)->IsActive(); }));
+    const long alone = SleepsServing(s, client, TestRpcProg::PROC_NULL, calls);
+    ASSERT_GE(alone, 0);
+    EXPECT_LT(alone, calls / 2);
+}
+
+TEST(ServerSocket, ConnectionSleepsAtOnceAfterSlowCalls) {
+    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two processors";
+    Served s;
+    RpcServerHarness::Endpoint* e = s.harness.Listen(PROG, 0, 0, 3);
+    ASSERT_NE(nullptr, e);
+    RpcTestClient client(RpcTestClient::TCP, e->tcpPort);
+    // After a call that kept it a millisecond the thread sleeps at once; one
+    // that looked for the next call would find it.
+    const int calls = 100;
+    const long sleeps = SleepsServing(s, client, TestRpcProg::PROC_SLOW, calls);
+    ASSERT_GE(sleeps, 0);
+    EXPECT_GE(sleeps, calls * 3 / 4);
+}
 
 TEST(ServerSocket, FourthConnectionToThreeSlotsAbortsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -1,5 +1,9 @@
 #include "TestRpcProg.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -15,6 +19,13 @@ int Serve(CInputStream* in, COutputStream* out, uint32_t proc) {
         case TestRpcProg::PROC_NULL:
         case TestRpcProg::PROC_EXCLUSIVE:
             return CRpcProg::RESULT_DONE;
+        case TestRpcProg::PROC_SLOW: {
+            // Busy, not asleep: the thread's sleeps are its receives'.
+            const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
+            while (std::chrono::steady_clock::now() < until) {
+            }
+            return CRpcProg::RESULT_DONE;
+        }
         case TestRpcProg::PROC_ECHO: {
             uint32_t len = 0;
             in->Read(&len);
@@ -48,6 +59,7 @@ int Serve(CInputStream* in, COutputStream* out, uint32_t proc) {
 
 int TestRpcProg::Process(CInputStream* in, COutputStream* out, ProcessParam* param) {
     ++m_iCalls;
+    m_iLastThread = (int)syscall(SYS_gettid);
     int inside = ++m_iInside;
     int seen = m_iMaxConcurrent;
     while (inside > seen && !m_iMaxConcurrent.compare_exchange_weak(seen, inside)) {
