@@ -781,11 +781,11 @@ void CUtilities::Reset(CRuntimeParam* rp, LogArgu* la) {
 // whose open failed all carry -1, so a key already taken within the same
 // second gets "#n" added; '#' sorts below every digit and '-', so the order
 // by (second, descriptor text) is kept.
-std::string CUtilities::NewTimeKey(int fd, time_t now) {
+std::string CUtilities::AddTimeKey(int fd, time_t now, const char* path) {
     char base[48];
     snprintf(base, sizeof base, "%016llu%d", (unsigned long long)now, fd);
     std::string key = base;
-    for (unsigned n = 1; m_OpenedFileLastAccessList.count(key) != 0; ++n)
+    for (unsigned n = 1; !m_OpenedFileLastAccessList.try_emplace(key, path).second; ++n)
         key = std::string(base) + "#" + std::to_string(n);
     return key;
 }
@@ -808,14 +808,13 @@ int CUtilities::GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* 
     if (pcPath == nullptr || *pcPath == '\0') return -1;
     std::lock_guard<std::recursive_mutex> lock(m_hMutexOpenedFileHandles);
     const time_t now = time(nullptr);
-    auto found = m_OpenedFileHandles.find(pcPath);
+    // The row is worked on in place: where the path is, or where it goes.
+    auto row = m_OpenedFileHandles.lower_bound(pcPath);
+    bool found = row != m_OpenedFileHandles.end() && row->first == pcPath;
     // An open row already touched within this second would get back the
     // very key it has: nothing to refresh.
-    if (found != m_OpenedFileHandles.end() && found->second.iFile != -1 && KeySecond(found->second.sTimeKey) == now)
-        return found->second.iFile;
-    OpenedFileInfo copy;
-    if (found != m_OpenedFileHandles.end()) copy = found->second;
-    if (copy.iFile == -1) {
+    if (found && row->second.iFile != -1 && KeySecond(row->second.sTimeKey) == now) return row->second.iFile;
+    if (!found || row->second.iFile == -1) {
         // The descriptor limit is looked up once a second, not for every open:
         // it seldom changes, and an open that finds it lowered meanwhile
         // thins the cache and retries all the same.
@@ -823,21 +822,29 @@ int CUtilities::GetCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* 
             m_iCacheBound = MaxCachedFileHandles();
             m_iCacheBoundSecond = now;
         }
+        const unsigned long long closes = m_iCachedRowsClosed;
         if (m_OpenedFileHandles.size() >= m_iCacheBound) CloseExceededCachedFileHandle(rp, la);
         bool readWrite = bAlwaysReadWrite || GetMountInfoByPath(rp, la, pcPath, nullptr);
         if (rp && rp->IsLogFileAccess())
             LogInfo(rp, "[%s] open %s mode %s", NameOf(la), readWrite ? "read/write" : "read only", pcPath);
-        copy.iFile = OS_FileOpen(rp, la, pcPath, readWrite ? O_RDWR : O_RDONLY, true, nullptr);
-        copy.sPath = pcPath;
+        const int fd = OS_FileOpen(rp, la, pcPath, readWrite ? O_RDWR : O_RDONLY, true, nullptr);
+        // Thinning, here or in the open's retry, may have closed this very
+        // row and moved the place of a new one.
+        if (closes != m_iCachedRowsClosed) {
+            row = m_OpenedFileHandles.lower_bound(pcPath);
+            found = row != m_OpenedFileHandles.end() && row->first == pcPath;
+        }
+        if (!found) row = m_OpenedFileHandles.emplace_hint(row, pcPath, OpenedFileInfo());
+        row->second.iFile = fd;
+        row->second.sPath = pcPath;
     }
     // Refresh the last access; a failed open stays as a row with -1 so that
     // the next access retries it. Thinning may have dropped the old entry.
-    auto old = m_OpenedFileLastAccessList.find(copy.sTimeKey);
+    OpenedFileInfo& info = row->second;
+    auto old = m_OpenedFileLastAccessList.find(info.sTimeKey);
     if (old != m_OpenedFileLastAccessList.end() && old->second == pcPath) m_OpenedFileLastAccessList.erase(old);
-    copy.sTimeKey = NewTimeKey(copy.iFile, now);
-    m_OpenedFileLastAccessList[copy.sTimeKey] = pcPath;
-    m_OpenedFileHandles[pcPath] = copy;
-    return copy.iFile;
+    info.sTimeKey = AddTimeKey(info.iFile, now, pcPath);
+    return info.iFile;
 }
 
 void CUtilities::CloseCachedFileHandle(CRuntimeParam* rp, LogArgu* la, const char* pcPath) {

@@ -375,7 +375,8 @@ protected:
     bool FindMountConflict(CRuntimeParam* rp, LogArgu* la, const char* localPath, const char* exportName,
                            char* err);
     // Descriptor cache helpers (cache mutex held).
-    std::string NewTimeKey(int fd, time_t now);
+    // Files path in the last-access list under a fresh key for fd; the key.
+    std::string AddTimeKey(int fd, time_t now, const char* path);
     void CloseCachedRow(CRuntimeParam* rp, LogArgu* la, OpenedFileMap::iterator row);
 
     // ---- members of the redirected-file registry -----------------------------

@@ -179,6 +179,30 @@ TEST(DescriptorCache, The1025thFileFirstClosesThe102LeastRecentlyUsed) {
     EXPECT_TRUE(s.u.Consistent());
 }
 
+TEST(DescriptorCache, AFailedRowThatThinningClosesIsOpenedAfresh) {
+    TempDir dir;
+    Service s;
+    // The failed row is the oldest: "-1" sorts before every descriptor of
+    // its second, and everything else comes later.
+    const std::string late = dir / "late";
+    ASSERT_EQ(-1, s.Open(late));
+    for (int i = 0; i < 1023; ++i) {
+        WriteWholeFile(dir / ("f" + std::to_string(i)), "x");
+        ASSERT_NE(-1, s.Open(dir / ("f" + std::to_string(i))));
+    }
+    ASSERT_EQ(1024u, s.u.CachedCount());
+    // Retrying it thins the cache first, which takes that very row.
+    WriteWholeFile(late, "now here");
+    const int fd = s.Open(late);
+    ASSERT_NE(-1, fd);
+    EXPECT_EQ(fd, s.u.CachedFile(late));
+    EXPECT_EQ(923u, s.u.CachedCount());
+    EXPECT_TRUE(s.u.Consistent());
+    char byte = 0;
+    EXPECT_EQ(1, pread(fd, &byte, 1, 0));
+    EXPECT_EQ('n', byte);
+}
+
 TEST(DescriptorCache, FewerThanTenRowsAreAllClosedByThinning) {
     TempDir dir;
     Service s;
