@@ -10,8 +10,8 @@
 #include <csignal>
 #include <fstream>
 #include <memory>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "DatagramSocket.h"
@@ -71,9 +71,7 @@ long SleepsServing(Served& s, RpcTestClient& client, uint32_t proc, int calls) {
     const long before = SleepsOf(tid);
     unsigned char received[256];
     for (const Bytes& message : messages) {
-        const auto next = std::chrono::steady_clock::now() + std::chrono::microseconds(8);
-        while (std::chrono::steady_clock::now() < next) {
-        }
+        StayBusy(std::chrono::microseconds(8));
         if (!client.SendRaw(message)) return -1;
         for (size_t got = 0; got < replySize;) {
             ssize_t n = recv(client.Fd(), received, sizeof received, MSG_DONTWAIT);
@@ -85,56 +83,65 @@ long SleepsServing(Served& s, RpcTestClient& client, uint32_t proc, int calls) {
     return SleepsOf(tid) - before;
 }
 
+// A served program with one client connected, for the tests of when a
+// connection's thread sleeps; they need a processor each for client and server.
+class ConnectionSleeps : public testing::Test {
+protected:
+    void SetUp() override {
+        if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two processors";
+        endpoint = served.harness.Listen(PROG, 0, 0, 3);
+        ASSERT_NE(nullptr, endpoint);
+        client.reset(new RpcTestClient(RpcTestClient::TCP, endpoint->tcpPort));
+    }
+    long Sleeps(uint32_t proc, int calls) { return SleepsServing(served, *client, proc, calls); }
+
+    Served served;
+    RpcServerHarness::Endpoint* endpoint = nullptr;
+    std::unique_ptr<RpcTestClient> client;
+};
+
 }  // namespace
 
-TEST(ServerSocket, OnlyConnectionLooksForItsNextCallBeforeSleeping) {
-    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two processors";
-    Served s;
-    RpcServerHarness::Endpoint* e = s.harness.Listen(PROG, 0, 0, 3);
-    ASSERT_NE(nullptr, e);
-    RpcTestClient client(RpcTestClient::TCP, e->tcpPort);
+TEST_F(ConnectionSleeps, OnlyConnectionLooksForItsNextCallBeforeSleeping) {
     // A call that follows its reply soon is found while the thread still
     // looks, so most calls cost it no sleep; a thread that slept at once
     // would sleep once per call.
     const int calls = 500;
-    const long sleeps = SleepsServing(s, client, TestRpcProg::PROC_NULL, calls);
+    const long sleeps = Sleeps(TestRpcProg::PROC_NULL, calls);
     ASSERT_GE(sleeps, 0);
     EXPECT_LT(sleeps, calls / 2);
     // A call that comes long after the last one is still answered.
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_TRUE(NullCall(client, 1000));
+    EXPECT_TRUE(NullCall(*client, 1000));
 }
 
-TEST(ServerSocket, ConnectionsSleepAtOnceWhenOthersAreOpen) {
-    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two processors";
-    Served s;
-    RpcServerHarness::Endpoint* e = s.harness.Listen(PROG, 0, 0, 3);
-    ASSERT_NE(nullptr, e);
-    RpcTestClient other(RpcTestClient::TCP, e->tcpPort);
+TEST_F(ConnectionSleeps, ConnectionsSleepAtOnceWhenOthersAreOpen) {
+    RpcTestClient other(RpcTestClient::TCP, endpoint->tcpPort);
     ASSERT_TRUE(NullCall(other, 1));
-    RpcTestClient client(RpcTestClient::TCP, e->tcpPort);
     const int calls = 300;
-    const long sleeps = SleepsServing(s, client, TestRpcProg::PROC_NULL, calls);
+    const long sleeps = Sleeps(TestRpcProg::PROC_NULL, calls);
     ASSERT_GE(sleeps, 0);
     EXPECT_GE(sleeps, calls * 3 / 4);
     // Once the other connection is gone, the last one looks again.
+    const uint16_t otherPort = other.LocalPort();
     other.Close();
-    ASSERT_TRUE(WaitUntil([&] { return !e->tcp->GetConnection(0)->IsActive(); }));
-    const long alone = SleepsServing(s, client, TestRpcProg::PROC_NULL, calls);
+    ASSERT_TRUE(WaitUntil([&] {
+        for (int i = 0; i < 3; ++i) {
+            CSocket* connection = endpoint->tcp->GetConnection(i);
+            if (connection->IsActive() && connection->GetRemotePort() == otherPort) return false;
+        }
+        return true;
+    }));
+    const long alone = Sleeps(TestRpcProg::PROC_NULL, calls);
     ASSERT_GE(alone, 0);
     EXPECT_LT(alone, calls / 2);
 }
 
-TEST(ServerSocket, ConnectionSleepsAtOnceAfterSlowCalls) {
-    if (sysconf(_SC_NPROCESSORS_ONLN) < 2) GTEST_SKIP() << "needs two processors";
-    Served s;
-    RpcServerHarness::Endpoint* e = s.harness.Listen(PROG, 0, 0, 3);
-    ASSERT_NE(nullptr, e);
-    RpcTestClient client(RpcTestClient::TCP, e->tcpPort);
+TEST_F(ConnectionSleeps, ConnectionSleepsAtOnceAfterSlowCalls) {
     // After a call that kept it a millisecond the thread sleeps at once; one
     // that looked for the next call would find it.
     const int calls = 100;
-    const long sleeps = SleepsServing(s, client, TestRpcProg::PROC_SLOW, calls);
+    const long sleeps = Sleeps(TestRpcProg::PROC_SLOW, calls);
     ASSERT_GE(sleeps, 0);
     EXPECT_GE(sleeps, calls * 3 / 4);
 }

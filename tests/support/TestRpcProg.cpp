@@ -3,7 +3,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -11,6 +10,7 @@
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "RuntimeParam.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -19,13 +19,10 @@ int Serve(CInputStream* in, COutputStream* out, uint32_t proc) {
         case TestRpcProg::PROC_NULL:
         case TestRpcProg::PROC_EXCLUSIVE:
             return CRpcProg::RESULT_DONE;
-        case TestRpcProg::PROC_SLOW: {
+        case TestRpcProg::PROC_SLOW:
             // Busy, not asleep: the thread's sleeps are its receives'.
-            const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
-            while (std::chrono::steady_clock::now() < until) {
-            }
+            StayBusy(std::chrono::milliseconds(1));
             return CRpcProg::RESULT_DONE;
-        }
         case TestRpcProg::PROC_ECHO: {
             uint32_t len = 0;
             in->Read(&len);

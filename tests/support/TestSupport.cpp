@@ -96,6 +96,12 @@ static const bool sanitizerThreadStarted = [] {
 }();
 #endif
 
+void StayBusy(std::chrono::microseconds time) {
+    const auto until = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < until) {
+    }
+}
+
 int CountThreads() { return CountEntries("/proc/self/task"); }
 
 namespace {

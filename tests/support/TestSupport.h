@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,9 @@ std::vector<std::string> FolderNames(const std::string& folder);
 
 // Lines of text, split at '\n' (the last line may lack its line end).
 std::vector<std::string> SplitLines(const std::string& text);
+
+// Keeps the calling thread running, never asleep, for the time given.
+void StayBusy(std::chrono::microseconds time);
 
 // Number of open descriptors and threads of this process.
 int CountOpenDescriptors();
